@@ -1,0 +1,163 @@
+// One-based arrays and the fatal-error exit.
+#include "numeric/nrutils.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+char errmsg[ERRMSG_SIZE];
+char progname[80] = "forwinv";
+
+void out_of_memory_message() { fputs("\n Sorry, out of memory\n\n\a\a", stderr); }
+
+namespace {
+
+// Zero-filled block of n elements of the given size, or nullptr with the
+// out-of-memory message.  A zero length still yields a valid block so that
+// callers can tell "empty" from "failed".
+void *zero_block(long long n, size_t size) {
+  if (n < 0) {
+    out_of_memory_message();
+    return nullptr;
+  }
+  void *p = calloc(n > 0 ? (size_t)n : 1, size);
+  if (!p) out_of_memory_message();
+  return p;
+}
+
+template <typename T>
+T *make_vector(long lo, long hi) {
+  T *v = static_cast<T *>(zero_block((long long)hi - lo + 1, sizeof(T)));
+  return v ? v - lo : nullptr;
+}
+
+template <typename T>
+void release_vector(T *v, long lo) {
+  if (v) free(v + lo);
+}
+
+// Contiguous matrix: a pointer table and one element block.
+template <typename T>
+T **make_matrix(long rlo, long rhi, long clo, long chi) {
+  long long nr = (long long)rhi - rlo + 1;
+  long long nc = (long long)chi - clo + 1;
+  if (nr < 0 || nc < 0 || (nc > 0 && nr > MAX_MATRIX_ELEMENTS / nc)) {
+    out_of_memory_message();
+    return nullptr;
+  }
+  T **m = static_cast<T **>(zero_block(nr, sizeof(T *)));
+  if (!m) return nullptr;
+  T *block = static_cast<T *>(zero_block(nr * nc, sizeof(T)));
+  if (!block) {
+    free(m);
+    return nullptr;
+  }
+  for (long long r = 0; r < nr; r++) m[r] = block + r * nc - clo;
+  if (nr == 0) m[0] = block - clo;  // keep the block reachable for freeing
+  return m - rlo;
+}
+
+template <typename T>
+void release_matrix(T **m, long rlo, long clo) {
+  if (!m) return;
+  free(m[rlo] + clo);
+  free(m + rlo);
+}
+
+}  // namespace
+
+float *vector(long lo, long hi) { return make_vector<float>(lo, hi); }
+double *dvector(long lo, long hi) { return make_vector<double>(lo, hi); }
+fcomplex *cvector(long lo, long hi) { return make_vector<fcomplex>(lo, hi); }
+int *ivector(long lo, long hi) { return make_vector<int>(lo, hi); }
+void free_vector(float *v, long lo, long) { release_vector(v, lo); }
+void free_dvector(double *v, long lo, long) { release_vector(v, lo); }
+void free_cvector(fcomplex *v, long lo, long) { release_vector(v, lo); }
+void ifree_vector(int *v, long lo, long) { release_vector(v, lo); }
+
+float **matrix(long rlo, long rhi, long clo, long chi) { return make_matrix<float>(rlo, rhi, clo, chi); }
+double **dmatrix(long rlo, long rhi, long clo, long chi) { return make_matrix<double>(rlo, rhi, clo, chi); }
+fcomplex **cmatrix(long rlo, long rhi, long clo, long chi) {
+  return make_matrix<fcomplex>(rlo, rhi, clo, chi);
+}
+void free_matrix(float **m, long rlo, long, long clo, long) { release_matrix(m, rlo, clo); }
+void free_dmatrix(double **m, long rlo, long, long clo, long) { release_matrix(m, rlo, clo); }
+void free_cmatrix(fcomplex **m, long rlo, long, long clo, long) { release_matrix(m, rlo, clo); }
+
+int **imatrix(long rlo, long rhi, long clo, long chi) {
+  long long nr = (long long)rhi - rlo + 1;
+  long long nc = (long long)chi - clo + 1;
+  if (nr < 0 || nc < 0) {
+    out_of_memory_message();
+    return nullptr;
+  }
+  int **m = static_cast<int **>(zero_block(nr, sizeof(int *)));
+  if (!m) return nullptr;
+  for (long long r = 0; r < nr; r++) {
+    int *row = static_cast<int *>(zero_block(nc, sizeof(int)));
+    if (!row) {
+      for (long long q = 0; q < r; q++) free(m[q] + clo);
+      free(m);
+      return nullptr;
+    }
+    m[r] = row - clo;
+  }
+  return m - rlo;
+}
+
+void ifree_matrix(int **m, long rlo, long rhi, long clo, long) {
+  if (!m) return;
+  for (long r = rlo; r <= rhi; r++) free(m[r] + clo);
+  free(m + rlo);
+}
+
+float ***matrix3d(long ilo, long ihi, long jlo, long jhi, long klo, long khi) {
+  long long ni = (long long)ihi - ilo + 1, nj = (long long)jhi - jlo + 1, nk = (long long)khi - klo + 1;
+  if (ni < 0 || nj < 0 || nk < 0 || (nj > 0 && ni > MAX_MATRIX_ELEMENTS / nj) ||
+      (nk > 0 && ni * nj > MAX_MATRIX_ELEMENTS / nk)) {
+    out_of_memory_message();
+    return nullptr;
+  }
+  // Empty dimensions still get one slot each, so the pointer structure is
+  // always complete and can be freed the same way.
+  if (ni == 0) ni = 1;
+  if (nj == 0) nj = 1;
+  if (nk == 0) nk = 1;
+  float ***a = static_cast<float ***>(zero_block(ni, sizeof(float **)));
+  if (!a) return nullptr;
+  float **rows = static_cast<float **>(zero_block(ni * nj, sizeof(float *)));
+  if (!rows) {
+    free(a);
+    return nullptr;
+  }
+  float *block = static_cast<float *>(zero_block(ni * nj * nk, sizeof(float)));
+  if (!block) {
+    free(rows);
+    free(a);
+    return nullptr;
+  }
+  for (long long i = 0; i < ni; i++) {
+    a[i] = rows + i * nj - jlo;
+    for (long long j = 0; j < nj; j++) rows[i * nj + j] = block + (i * nj + j) * nk - klo;
+  }
+  return a - ilo;
+}
+
+void free_3dmatrix(float ***a, long ilo, long, long jlo, long, long klo, long) {
+  if (!a) return;
+  float **rows = a[ilo] + jlo;
+  free(rows[0] + klo);
+  free(rows);
+  free(a + ilo);
+}
+
+void error(const char *msg) {
+  fflush(stdout);
+  fprintf(stderr, "\n\n Fatal error in %s: %s\n\n\a", progname, msg);
+  exit(1);
+}
+
+char *error_progname(const char *name) {
+  snprintf(progname, sizeof progname, "%s", name);
+  return progname;
+}
