@@ -1,0 +1,26 @@
+// LU decomposition with pairwise pivoting, its solves and condition estimate.
+//
+// All matrices and vectors are one-based float arrays (numeric/nrutils.h).
+#pragma once
+
+// Factorise a[1..n][1..n] in place.  On output the upper triangle holds U and
+// a[i][k] (k < i) the multiplier of the step in which row i was eliminated
+// against row k; |a[i][k]| > 1 records that the two rows were exchanged.
+// *cond receives the estimated condition number (1e38 when hopeless, 0 when
+// the work vector could not be allocated).
+void ludec(float **a, int n, float *cond);
+
+// Apply the stored elimination steps (with their exchanges) to b[1..n].
+void solvel(float **a, int n, float *b);
+// Back substitution with U on b[1..n].
+void solveu(float **a, int n, float *b);
+// solvel then solveu: on output b[1..n] solves a x = b for the matrix as it
+// was before ludec.
+void solvelu(float **a, int n, float *b);
+// Apply the transposed elimination steps in reverse order to y[1..n].
+void tsolvel(float **a, int n, float *y);
+
+// Largest row sum of absolute values of a[1..n][1..n].
+float mnorm1(float **a, int n);
+// Sum of absolute values of v[1..n].
+float vnorm1(const float *v, int n);
