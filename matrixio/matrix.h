@@ -19,6 +19,8 @@ int binputtailmatrix(const char *name, float **m, int R, int C, int tail_len, co
 // could not be opened), *tail_len the number of tail bytes kept (0..1024) and
 // *tail a new, unterminated buffer of exactly that many bytes, or nullptr
 // when the tail is empty.  The caller frees both (free_matrix, free).
+// Counts the file cannot hold (negative, or more values than its bytes can
+// carry) are a read error, refused before the matrix is allocated.
 float **gettailmatrix(const char *name, int *R, int *C, int *tail_len, char **tail);
 
 // 1 (and both swapped in place) when the counts look like the other byte
