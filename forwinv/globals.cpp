@@ -1,6 +1,8 @@
 // Definitions of the shared tables declared in forwinv.h.
 #include "forwinv/forwinv.h"
 
+#include "forwinv/compart.h"
+
 Interface geo[MAXGEO];
 int ngeo, totpnt, totdhk;
 int geocon[MAXGEO][MAXGEO];
@@ -31,5 +33,5 @@ float **g_w0;
 float (*sdspnt)[5];
 float sdphi;
 
-BoundFunc bound_func;  // set to bound_compart by the command line
+BoundFunc bound_func = bound_compart;  // the command line may choose another
 float bound_crit = 0.707f;
