@@ -24,3 +24,9 @@ void tsolvel(float **a, int n, float *y);
 float mnorm1(float **a, int n);
 // Sum of absolute values of v[1..n].
 float vnorm1(const float *v, int n);
+
+// Solve for nrhs right-hand sides at once.  a holds the factors from ludec;
+// x[1..nrhs][1..n] holds one right-hand side per ROW on input and the
+// corresponding solution in the same row on output.  Every row comes out bit
+// for bit as solvelu would leave it.
+void solvelu_many(float **a, int n, float **x, int nrhs);
