@@ -32,7 +32,7 @@ void print_help() {
       "effect that the\nsources must stay inside their initial compartment and at\nleast so far from the "
       "triangles of that compartment that\nthe variation of 1/r^2 over the triangle is less than a "
       "certain\ncriterion (r is the distance from the source to points within\nthe triangle). The default "
-      "value of the criterion is 50%, and\nis replaced by the optional value (in %) if given.\n");
+      "value of the criterion is 50%, and\nis replaced by the optional value (in %) if given.\n\n");
   exit(1);
 }
 
@@ -48,7 +48,9 @@ void copy_name(char *dest, const char *word) {
   strcpy(dest, word);
 }
 
-int parse_command_line(int argc, char **argv) {
+}  // namespace
+
+int parse_options(int argc, char **argv) {
   bool amat = false, bound = false;
   int mode = MODE_COMPUTE;
   for (int i = 1; i < argc; i++) {
@@ -99,10 +101,8 @@ int parse_command_line(int argc, char **argv) {
   return mode;
 }
 
-}  // namespace
-
 int get_input_brelix(int argc, char **argv) {
-  int mode = parse_command_line(argc, argv);
+  int mode = parse_options(argc, argv);
 
   if (mode != MODE_LOADED_AMA) {
     get_geo(1, 0);
