@@ -115,7 +115,7 @@ TEST_F(CommandLine, FreeAndDistanceBounds) {
 TEST_F(CommandLine, UsageErrorsPrintTheUsageTextAndExitWithOne) {
   const std::string usage = usage_text();
   ASSERT_EQ(usage.substr(0, 54), "\nUsage:\nbrelix [-i] [ -f | -d [<value>] ] [filename]\n\n");
-  ASSERT_EQ(usage.substr(usage.size() - 52), "is replaced by the optional value (in %) if given.\n\n\n");
+  ASSERT_EQ(usage.substr(usage.size() - 53), "is replaced by the optional value (in %) if given.\n\n\n");
   const std::vector<std::vector<std::string>> bad = {
       {"-c"},         {"-x"},       {"-"},        {"-i", "a", "-i", "b"}, {"-f", "-d"}, {"-d", "-f"},
       {"-f", "-f"},   {"-d", "-d"}, {"-F", "-f"}, {"-d", "150"},
