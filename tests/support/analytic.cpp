@@ -76,32 +76,28 @@ double homogeneous_sphere_potential(double R, double sigma, const Vec3 &r0, cons
   return v / (4 * M_PI * sigma);
 }
 
+namespace {
+
+// Refer x to its average in place and return its length.
+double centre(std::vector<double> &x) {
+  double m = 0;
+  for (double e : x) m += e;
+  m /= x.size();
+  double s = 0;
+  for (double &e : x) {
+    e -= m;
+    s += e * e;
+  }
+  return std::sqrt(s);
+}
+
+}  // namespace
+
 double rdm(std::vector<double> u, std::vector<double> v) {
-  auto center = [](std::vector<double> &x) {
-    double m = 0;
-    for (double e : x) m += e;
-    m /= x.size();
-    double s = 0;
-    for (double &e : x) {
-      e -= m;
-      s += e * e;
-    }
-    return std::sqrt(s);
-  };
-  double nu = center(u), nv = center(v);
+  double nu = centre(u), nv = centre(v);
   double s = 0;
   for (size_t i = 0; i < u.size(); i++) s += (u[i] / nu - v[i] / nv) * (u[i] / nu - v[i] / nv);
   return std::sqrt(s);
 }
 
-double mag(std::vector<double> u, std::vector<double> v) {
-  auto norm = [](std::vector<double> &x) {
-    double m = 0;
-    for (double e : x) m += e;
-    m /= x.size();
-    double s = 0;
-    for (double &e : x) s += (e - m) * (e - m);
-    return std::sqrt(s);
-  };
-  return norm(u) / norm(v);
-}
+double mag(std::vector<double> u, std::vector<double> v) { return centre(u) / centre(v); }
