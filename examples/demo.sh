@@ -4,6 +4,7 @@
 #   1. a forward job that writes the transfer matrix,
 #   2. an -i job that stores the inverted A matrix in head.ama,
 #   3. a job that loads head.ama and writes the transfer matrix again,
+#   4. an inverse job: a dipole fitted to simulated data, next to the true one,
 # each scripted by an answer file on standard input, and shows what they wrote.
 set -euo pipefail
 BUILD=${1:-build}
@@ -33,5 +34,16 @@ ls -l head.ama
 step "3. Using the stored matrix:  brelix head.ama < loaded.ans"
 "$BIN/brelix" head.ama < loaded.ans
 "$BIN/matdump" -n 4 forward_loaded.mat
+
+step "4. Inverse job: simulated data of the dipole in truth.pos, fitted from start.pos"
+cat truth.pos
+"$BIN/brelix" head.ama < truth.ans > /dev/null
+"$BIN/simulate" -n 0.002 -s 7 truth.mat data.mat 0.0 0.5 1.0
+"$BIN/brelix" head.ama < inverse.ans
+step "Fitted position file fit.pos (true position: 0.20 0.30 0.50, moment 0 0.5 1)"
+cat fit.pos
+echo "-- fitted moment (fit.mat) and its standard deviation (fit.mat.sd):"
+"$BIN/matdump" fit.mat
+"$BIN/matdump" fit.mat.sd
 
 step "Done. The files are in $WORK"
