@@ -7,6 +7,15 @@
 #include "numeric/ludec.h"
 #include "numeric/nrutils.h"
 
+namespace {
+
+// Columns are solved this many at a time: the solves of a block share each
+// pass over the factors, and every column still comes out bit for bit as a
+// solve of its own.
+constexpr int INVERT_BLOCK = 128;
+
+}  // namespace
+
 // b[1..n][1..n]: factorised system matrix (unchanged).  On output *bi_out
 // holds the new matrix [1..nel][1..n]; column c is the electrode potentials
 // of the solution for a source term f_i at vertex c alone (with the
@@ -14,56 +23,78 @@
 void b_invert(float **b, float ***bi_out, int nel, int n) {
   const int s = iso_sur;
   int o_s = 0;
-  float *w = nullptr;
   float ratio = 0;  // sigma_out / sigma_in of the isolated-source interface
   int iso_len = 0;  // entries of w that fall on vertices of the model
+  float **w = nullptr;
   if (s != -1) {
     for (int g = 0; g < s; g++) o_s += geo[g].npnt;
     ratio = geo[s].sigma_out / geo[s].sigma_in;
-    w = vector(1, iso_totpnt);
+    w = matrix(1, INVERT_BLOCK, 1, iso_totpnt);
     if (!w) error("cannot allocate inverse b matrix");
     iso_len = iso_totpnt < n - o_s ? iso_totpnt : n - o_s;
   }
-  float *r = vector(1, n);
+  float **r = matrix(1, INVERT_BLOCK, 1, n);
   float **bi = matrix(1, nel, 1, n);
-  if (!r || !bi) error("cannot allocate inverse b matrix");
+  int *col_if = ivector(1, n), *col_k = ivector(1, n);
+  if (!r || !bi || !col_if || !col_k) error("cannot allocate inverse b matrix");
 
-  const bool show = n > 25;
-  float *rows[2] = {nullptr, r};  // r as the single row of a one-based matrix
+  // Interface and local vertex of every column, in global vertex order.
   int c = 0;
-  for (int i = 0; i < ngeo; i++) {
-    const float f = 2.0 / (geo[i].sigma_in + geo[i].sigma_out);
+  for (int i = 0; i < ngeo; i++)
     for (int k = 0; k < geo[i].npnt && c < n; k++) {
       c++;
+      col_if[c] = i;
+      col_k[c] = k;
+    }
+
+  const bool show = n > 25;
+  for (int c0 = 1; c0 <= n; c0 += INVERT_BLOCK) {
+    const int count = n - c0 + 1 < INVERT_BLOCK ? n - c0 + 1 : INVERT_BLOCK;
+    float *iso_rows[INVERT_BLOCK + 1];
+    int niso = 0;
+    for (int j = 1; j <= count; j++) {
+      c = c0 + j - 1;
       if (show && (n - c) % 10 == 0) printf("Invrt countdown:%5d\r", n - c);
-
-      for (int p = 1; p <= n; p++) r[p] = 0;
-      r[c] = (s != -1 && i != s) ? ratio * f : f;
-
+      const int i = col_if[c];
+      const float f = 2.0 / (geo[i].sigma_in + geo[i].sigma_out);
+      for (int p = 1; p <= n; p++) r[j][p] = 0;
+      r[j][c] = (s != -1 && i != s) ? ratio * f : f;
       if (i == s) {
-        for (int p = 1; p <= iso_totpnt; p++) w[p] = 0;
-        w[k + 1] = 2.0f;
-        solvelu(iso_b, iso_totpnt, w);
-        for (int p = 1; p <= iso_len; p++) r[o_s + p] = ratio * (r[o_s + p] - f * w[p]);
+        for (int p = 1; p <= iso_totpnt; p++) w[j][p] = 0;
+        w[j][col_k[c] + 1] = 2.0f;
+        iso_rows[++niso] = w[j];
       }
+    }
+    if (niso > 0) solvelu_many(iso_b, iso_totpnt, iso_rows, niso);
+    for (int j = 1; j <= count; j++) {
+      c = c0 + j - 1;
+      const int i = col_if[c];
+      const float f = 2.0 / (geo[i].sigma_in + geo[i].sigma_out);
+      if (i == s)
+        for (int p = 1; p <= iso_len; p++) r[j][o_s + p] = ratio * (r[j][o_s + p] - f * w[j][p]);
+    }
 
-      solvelu(b, n, r);
+    solvelu_many(b, n, r, count);
 
+    for (int j = 1; j <= count; j++) {
+      c = c0 + j - 1;
       // With every electrode on the outermost interface the constants that
       // reflation adds do not reach the electrodes, so it is left out.
       if (surfelec == 0) {
-        sphi_reflate(rows, 1);
-        if (i == s)
-          for (int p = 1; p <= iso_len; p++) r[o_s + p] += w[p] / geo[s].sigma_in;
+        float *row[2] = {nullptr, r[j]};
+        sphi_reflate(row, 1);
+        if (col_if[c] == s)
+          for (int p = 1; p <= iso_len; p++) r[j][o_s + p] += w[j][p] / geo[s].sigma_in;
       }
-
-      for (int e = 1; e <= nel; e++) bi[e][c] = (float)elval(e, r);
+      for (int e = 1; e <= nel; e++) bi[e][c] = (float)elval(e, r[j]);
     }
   }
   if (show) printf("\n");
 
-  free_vector(r, 1, n);
-  if (w) free_vector(w, 1, iso_totpnt);
+  free_matrix(r, 1, INVERT_BLOCK, 1, n);
+  if (w) free_matrix(w, 1, INVERT_BLOCK, 1, iso_totpnt);
+  ifree_vector(col_if, 1, n);
+  ifree_vector(col_k, 1, n);
   *bi_out = bi;
 }
 
