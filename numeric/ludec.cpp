@@ -4,19 +4,36 @@
 // elimination and the solves is one fmaf, so each update is rounded once.
 // The stored multiplier is the only record of a row exchange: |m| > 1 means
 // the rows were swapped in that step, and every routine here applies that
-// same test.  The inner loops run over contiguous row segments so that the
-// compiler can vectorise them; the results do not depend on whether it does.
+// same test.
+//
+// The factorisation is defined row by row (row i against rows 1 .. i-1 in
+// turn), but each step touches one pair of rows from its pivot column on, so
+// steps on disjoint pairs may trade places, and a column's final value
+// depends only on the order of the steps that reach it.  ludec uses that to
+// work on panels of columns: a panel is factorised with the very same
+// decisions (they are taken from the pivot column, which the panel holds),
+// and the recorded steps are then replayed, in the same order for each
+// column, on all columns to the right with vectorised kernels and several
+// threads (numeric/lukernels.h).  The result is bit for bit that of the
+// one-row-at-a-time loops (numeric/ludec_plain.cpp).
 #include "numeric/ludec.h"
 
+#include <atomic>
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <new>
+#include <thread>
+#include <vector>
 
+#include "numeric/lukernels.h"
 #include "numeric/nrutils.h"
 #include "numeric/verbose.h"
 
 // At -O2 GCC only vectorises loops whose length is a known multiple of the
-// vector width; the row loops below have arbitrary lengths and are the hot
-// spot of the factorisation, so let them carry a scalar remainder.
+// vector width; let the row loops below carry a scalar remainder.
 #if defined(__GNUC__) && !defined(__clang__)
 #define ROW_LOOP __attribute__((optimize("vect-cost-model=dynamic")))
 #else
@@ -30,23 +47,188 @@ constexpr float TINY_PIVOT = 1e-19f;
 // Reported when the estimate itself is out of reach.
 constexpr float HOPELESS_COND = 1e38f;
 
-// Row i -= m * row k over columns k+1 .. n (no exchange).
-ROW_LOOP void eliminate_row(float *__restrict ri, const float *__restrict rk, float m, int k, int n) {
-  for (int j = k + 1; j <= n; j++) ri[j] = fmaf(-m, rk[j], ri[j]);
+// Columns factorised together before the rest of the matrix is brought up
+// to date; wider panels read the trailing matrix fewer times.
+constexpr int PANEL = 128;
+// Panels are split in halves down to this width, where the decisions are
+// taken (factor_base_columns, which takes at most 16 columns).
+constexpr int BASE_WIDTH = 16;
+// Right-hand sides below which solvelu_many simply loops.
+constexpr int MANY_MIN_RHS = 4;
+
+int thread_setting = 0;
+
+int lu_threads() {
+  if (thread_setting > 0) return thread_setting;
+  unsigned h = std::thread::hardware_concurrency();
+  return h == 0 ? 1 : (int)h;
 }
 
-// Exchange step over columns k .. n: row k takes row i, and row i becomes
+// A float buffer aligned for the widest vectors; empty when the memory could
+// not be had.
+struct Buffer {
+  float *p = nullptr;
+  explicit Buffer(size_t count) { p = new (std::align_val_t(64), std::nothrow) float[count ? count : 1]; }
+  Buffer(const Buffer &) = delete;
+  Buffer &operator=(const Buffer &) = delete;
+  ~Buffer() { ::operator delete[](p, std::align_val_t(64), std::nothrow); }
+};
+
+// Run job(0) .. job(count-1), job(0) on this thread and the others on
+// threads of their own; if a thread cannot be started its job runs here.
+template <class Job>
+void run_parallel(int count, const Job &job) {
+  std::vector<std::thread> pool;
+  std::vector<int> inline_jobs;
+  for (int t = 1; t < count; t++) {
+    try {
+      pool.emplace_back(job, t);
+    } catch (...) {
+      inline_jobs.push_back(t);
+    }
+  }
+  job(0);
+  for (int t : inline_jobs) job(t);
+  for (auto &th : pool) th.join();
+}
+
+// Row i -= m * row k over columns k+1 .. hi (no exchange).
+ROW_LOOP void eliminate_row(float *__restrict ri, const float *__restrict rk, float m, int k, int hi) {
+  for (int j = k + 1; j <= hi; j++) ri[j] = fmaf(-m, rk[j], ri[j]);
+}
+
+// Exchange step over columns k .. hi: row k takes row i, and row i becomes
 // (old row k) - (old row i)/m.  Division rather than a product with 1/m keeps
 // the rounding the solvers reproduce.
-ROW_LOOP void exchange_rows(float *__restrict ri, float *__restrict rk, float m, int k, int n) {
-  for (int j = k; j <= n; j++) {
+ROW_LOOP void exchange_rows(float *__restrict ri, float *__restrict rk, float m, int k, int hi) {
+  for (int j = k; j <= hi; j++) {
     float t = rk[j];
     rk[j] = ri[j];
     ri[j] = t - ri[j] / m;
   }
 }
 
+// sum[lo..hi] += y * row[lo..hi], in double (each product is exact).
+ROW_LOOP void add_scaled_row(double *__restrict sum, const float *__restrict row, double y, int lo, int hi) {
+  for (int k = lo; k <= hi; k++) sum[k] += y * (double)row[k];
+}
+
+// Replay the steps of pivots k0 .. k1 on columns c0 .. c1 of a (nothing when
+// c1 < c0), with work space `work`.
+void replay_columns(float **a, int n, int k0, int k1, int c0, int c1, float *work) {
+  if (c1 < c0 || k1 < k0) return;
+  StepReplay p{a, a, c0, c1 - c0 + 1, n, k0, k1, k0 + 1, true};
+  replay_steps(p, work);
+}
+
+// Factorise columns k0 .. k1 (all steps of pivots k0 .. k1, on those columns)
+// by halves: the left half, its steps replayed on the right half, the right.
+void factor_panel(float **a, int n, int k0, int k1, float *work) {
+  const int width = k1 - k0 + 1;
+  if (width <= BASE_WIDTH) {
+    factor_base_columns(a, n, k0, k1);
+    return;
+  }
+  const int half = ((width / 2) + BASE_WIDTH - 1) / BASE_WIDTH * BASE_WIDTH;
+  const int mid = k0 + half - 1;
+  factor_panel(a, n, k0, mid, work);
+  StepReplay p{a, a, mid + 1, k1 - mid, n, k0, mid, k0 + 1, true};
+  replay_steps(p, work);
+  factor_panel(a, n, mid + 1, k1, work);
+}
+
+// The countdown of rows as the one-row-at-a-time loops would print it:
+// the line for row i appears once the work done is as much as those loops
+// would have done before starting row i.
+struct Countdown {
+  bool shown;
+  int n;
+  int next = 2;
+  long long before_next = 0;  // work of rows 2 .. next-1 in the plain order
+
+  // Plain work of row i: steps k = 1 .. i-1 over columns k .. n.
+  long long row_work(int i) const { return (long long)(i - 1) * (n + 1) - (long long)(i - 1) * i / 2; }
+  void advance(long long done) {
+    while (next <= n && before_next <= done) {
+      if (shown && (n - next) % 10 == 0) printf("Ludec countdown:%5d\r", n - next);
+      before_next += row_work(next);
+      next++;
+    }
+  }
+};
+
+// Blocked factorisation of a[1..n][1..n]; the same factors as the plain loops.
+// Returns false (with a untouched) when the work space could not be had.
+bool factor_blocked(float **a, int n, bool shown) {
+  int threads = lu_threads();
+  if ((long long)n * n * n < 8000000LL) threads = 1;  // not worth a thread
+  std::vector<Buffer *> owned;
+  std::vector<float *> works;
+  const size_t wf = replay_work_floats(PANEL);
+  for (int t = 0; t < threads; t++) {
+    owned.push_back(new (std::nothrow) Buffer(wf));
+    if (!owned.back() || !owned.back()->p) {
+      for (Buffer *b : owned) delete b;
+      return false;
+    }
+    works.push_back(owned.back()->p);
+  }
+
+  Countdown cd{shown, n};
+  cd.advance(0);
+  long long done = 0;
+  factor_panel(a, n, 1, PANEL < n ? PANEL : n, works[0]);
+  for (int p0 = 1; p0 <= n - 1; p0 += PANEL) {
+    const int p1 = p0 + PANEL - 1 < n ? p0 + PANEL - 1 : n;
+    // Panel p0 .. p1 is factorised.  Its steps go to the next panel's
+    // columns first, so that the next panel can be factorised while the
+    // other threads bring the columns beyond it up to date.
+    const int q0 = p1 + 1, q1 = p1 + PANEL < n ? p1 + PANEL : n;
+    const int rest = q1 + 1;
+    const int tw = replay_tile_cols();
+    // A few chunks per thread, handed out in turn: a thread held up
+    // elsewhere on the machine leaves its share to the others.
+    const int ncols = rest <= n ? n - rest + 1 : 0;
+    int chunk = threads == 1 ? ncols : (ncols + 3 * threads - 1) / (3 * threads);
+    chunk = (chunk + tw - 1) / tw * tw;
+    if (chunk < 4 * tw) chunk = 4 * tw;
+    const int nchunks = (ncols + chunk - 1) / chunk;
+    std::atomic<int> next_chunk{0};
+    auto worker = [&](int t) {
+      for (int c; (c = next_chunk.fetch_add(1)) < nchunks;) {
+        const int c0 = rest + c * chunk, c1 = c0 + chunk - 1 < n ? c0 + chunk - 1 : n;
+        replay_columns(a, n, p0, p1, c0, c1, works[t]);
+      }
+    };
+    auto lead = [&](int t) {
+      if (t != 0) return worker(t);
+      if (q0 <= n) {
+        replay_columns(a, n, p0, p1, q0, q1, works[0]);
+        if (q0 <= n - 1) factor_panel(a, n, q0, q1, works[0]);
+      }
+      worker(0);
+    };
+    int count = threads < nchunks + 1 ? threads : nchunks + 1;
+    if (count <= 1) {  // alone: all columns in one sweep, then the next panel
+      replay_columns(a, n, p0, p1, q0, n, works[0]);
+      if (q0 <= n - 1) factor_panel(a, n, q0, q1, works[0]);
+    } else {
+      run_parallel(count, lead);
+    }
+    for (int k = p0; k <= p1 && k < n; k++) done += (long long)(n - k) * (n - k + 1);
+    cd.advance(done);
+  }
+  cd.advance(LLONG_MAX);
+  if (shown) printf("\n");
+  for (Buffer *b : owned) delete b;
+  return true;
+}
+
 }  // namespace
+
+void set_lu_threads(int count) { thread_setting = count > 0 ? count : 0; }
+
+int set_lu_simd(int level) { return lu_set_simd_level(level); }
 
 // a[1..n][1..n]: on input the matrix, on output its factors (U on and above
 // the diagonal, the multipliers below it).  *cond: on output the estimated
@@ -61,37 +243,45 @@ void ludec(float **a, int n, float *cond) {
   float anorm = mnorm1(a, n);
   bool shown = n > 25 && verbose;
 
-  for (int i = 2; i <= n; i++) {
-    if (shown && (n - i) % 10 == 0) printf("Ludec countdown:%5d\r", n - i);
-    float *ri = a[i];
-    for (int k = 1; k < i; k++) {
-      float *rk = a[k];
-      // A zero or negligible pivot is replaced so that the step never
-      // divides by zero; the singularity then shows in the estimate.
-      if (fabsf(ri[k]) * TINY_PIVOT >= fabsf(rk[k])) rk[k] = TINY_PIVOT;
-      float m = ri[k] / rk[k];
-      if (fabsf(m) <= 1.0f)
-        eliminate_row(ri, rk, m, k, n);
-      else
-        exchange_rows(ri, rk, m, k, n);
-      ri[k] = m;
+  if (!factor_blocked(a, n, shown)) {
+    // Without work space: the same steps in the defining order.
+    for (int i = 2; i <= n; i++) {
+      if (shown && (n - i) % 10 == 0) printf("Ludec countdown:%5d\r", n - i);
+      float *ri = a[i];
+      for (int k = 1; k < i; k++) {
+        float *rk = a[k];
+        if (fabsf(ri[k]) * TINY_PIVOT >= fabsf(rk[k])) rk[k] = TINY_PIVOT;
+        float m = ri[k] / rk[k];
+        if (fabsf(m) <= 1.0f)
+          eliminate_row(ri, rk, m, k, n);
+        else
+          exchange_rows(ri, rk, m, k, n);
+        ri[k] = m;
+      }
     }
+    if (shown) printf("\n");
   }
-  if (shown) printf("\n");
 
   // LINPACK-style estimate: solve A^T y = e with the signs of e chosen so
   // that y grows, then A z = y; |z| / |y| approximates the norm of A^-1.
   float *y = vector(1, n);
-  if (!y) {
+  double *sum = y ? dvector(1, n) : nullptr;
+  if (!y || !sum) {
+    if (y) free_vector(y, 1, n);
     *cond = 0.0f;
     return;
   }
-  for (int k = 1; k <= n; k++) {
-    double sum = 0.0;
-    for (int j = 1; j < k; j++) sum += (double)y[j] * (double)a[j][k];
-    float s = (float)sum;
-    y[k] = (s >= 0.0f ? -1.0f - s : 1.0f - s) / a[k][k];
+  // y[k] needs s = sum over j < k of y[j] a[j][k], added in increasing j
+  // (in double).  Row j of U is added to all later sums as soon as y[j] is
+  // known: each sum still takes its terms in increasing j, and U is read
+  // along its rows.
+  for (int k = 1; k <= n; k++) sum[k] = 0.0;
+  for (int j = 1; j <= n; j++) {
+    float s = (float)sum[j];
+    y[j] = (s >= 0.0f ? -1.0f - s : 1.0f - s) / a[j][j];
+    add_scaled_row(sum, a[j], y[j], j + 1, n);
   }
+  free_dvector(sum, 1, n);
   tsolvel(a, n, y);
   float ynorm = vnorm1(y, n);
   if (ynorm < 1e19f) {
@@ -113,22 +303,55 @@ void ludec(float **a, int n, float *cond) {
   free_vector(y, 1, n);
 }
 
+namespace {
+
+// One forward step on entries p (the pivot row's) and x (the row's).
+inline void forward_step(float m, float &p, float &x) {
+  if (fabsf(m) > 1.0f) {
+    float t = p;
+    p = x;
+    x = t - x / m;
+  } else {
+    x = fmaf(-m, p, x);
+  }
+}
+
+}  // namespace
+
 // a: factors from ludec.  b[1..n]: on input a right-hand side, on output
 // the same vector with the elimination steps (and their exchanges) applied
 // in the order ludec performed them.
+//
+// Four rows at a time: each earlier entry meets the four rows in turn, then
+// the four meet each other.  Only steps on disjoint entries trade places, so
+// the result is that of the row-by-row order, with four independent chains
+// of operations instead of one.
 void solvel(float **a, int n, float *b) {
-  for (int i = 1; i <= n; i++) {
-    const float *ri = a[i];
+  int i = 1;
+  for (; i + 3 <= n; i += 4) {
+    const float *m0 = a[i], *m1 = a[i + 1], *m2 = a[i + 2], *m3 = a[i + 3];
+    float x0 = b[i], x1 = b[i + 1], x2 = b[i + 2], x3 = b[i + 3];
     for (int k = 1; k < i; k++) {
-      float m = ri[k];
-      if (fabsf(m) > 1.0f) {
-        float t = b[k];
-        b[k] = b[i];
-        b[i] = t - b[i] / m;
-      } else {
-        b[i] = fmaf(-m, b[k], b[i]);
-      }
+      float p = b[k];
+      forward_step(m0[k], p, x0);
+      forward_step(m1[k], p, x1);
+      forward_step(m2[k], p, x2);
+      forward_step(m3[k], p, x3);
+      b[k] = p;
     }
+    forward_step(m1[i], x0, x1);
+    forward_step(m2[i], x0, x2);
+    forward_step(m2[i + 1], x1, x2);
+    forward_step(m3[i], x0, x3);
+    forward_step(m3[i + 1], x1, x3);
+    forward_step(m3[i + 2], x2, x3);
+    b[i] = x0, b[i + 1] = x1, b[i + 2] = x2, b[i + 3] = x3;
+  }
+  for (; i <= n; i++) {
+    const float *ri = a[i];
+    float x = b[i];
+    for (int k = 1; k < i; k++) forward_step(ri[k], b[k], x);
+    b[i] = x;
   }
 }
 
@@ -150,41 +373,174 @@ void solvelu(float **a, int n, float *b) {
   solveu(a, n, b);
 }
 
+namespace {
+
+// Index of the first entry of v[1..n] that is not +0.0 (n + 1 if none).
+int first_nonzero(const float *v, int n) {
+  for (int i = 1; i <= n; i++) {
+    uint32_t bits;
+    memcpy(&bits, v + i, sizeof bits);
+    if (bits != 0) return i;
+  }
+  return n + 1;
+}
+
+// The first row i < limit holding a NaN multiplier (limit if none).
+int first_nan_row(float **a, int limit) {
+  for (int i = 2; i < limit; i++)
+    for (int k = 1; k < i; k++)
+      if (std::isnan(a[i][k])) return i;
+  return limit;
+}
+
+// Solve the right-hand sides x[r0 .. r0+width-1] side by side: transposed
+// into s (row i holds entry i of each, ld floats apart), the forward steps
+// replayed panel by panel, back substitution, transposed back.  Rows of the
+// forward part below `skip` are left out (their steps only meet +0.0).
+void solve_block(float **a, int n, float **x, int r0, int width, int ld, int skip, float *const *s,
+                 float *work) {
+  for (int i = 1; i <= n; i++) {
+    float *si = s[i];
+    for (int l = 0; l < width; l++) si[l] = x[r0 + l][i];
+    for (int l = width; l < ld; l++) si[l] = 0.0f;
+  }
+  for (int k0 = 1; k0 <= n - 1; k0 += PANEL) {
+    const int k1 = k0 + PANEL - 1 < n - 1 ? k0 + PANEL - 1 : n - 1;
+    const int ilo = skip > k0 + 1 ? skip : k0 + 1;
+    if (ilo > n) continue;
+    StepReplay p{a, s, 0, ld, n, k0, k1, ilo, false};
+    replay_steps(p, work);
+  }
+  back_substitute(a, n, s, ld);
+  for (int i = 1; i <= n; i++) {
+    const float *si = s[i];
+    for (int l = 0; l < width; l++) x[r0 + l][i] = si[l];
+  }
+}
+
+}  // namespace
+
 // a: factors from ludec.  x[1..nrhs][1..n]: on input one right-hand side per
 // row, on output the solutions, row for row as solvelu gives them.
+//
+// The right-hand sides are taken in blocks, transposed so that one step of
+// the elimination is one vector operation across the block.  A block whose
+// right-hand sides all start with z-1 entries of +0.0 skips the forward steps
+// of rows 1 .. z-1: those rows come first in the elimination, so every such
+// step meets two +0.0 entries and leaves them +0.0 (an fmaf of +0.0 by a
+// finite multiplier, or an exchange, cannot make anything else), unless a
+// multiplier there is NaN, which is checked for.
 void solvelu_many(float **a, int n, float **x, int nrhs) {
-  for (int r = 1; r <= nrhs; r++) solvelu(a, n, x[r]);
+  if (n < 1 || nrhs < 1) return;
+  if (nrhs < MANY_MIN_RHS) {
+    for (int r = 1; r <= nrhs; r++) solvelu(a, n, x[r]);
+    return;
+  }
+  const int lanes = replay_lanes();
+  const int threads = lu_threads();
+  // Blocks of two tiles, or one when two would no longer leave the block's
+  // transposed copy in the core's own cache: the back substitution sweeps
+  // all of it once per row.
+  int block = 2 * replay_tile_cols();
+  if ((size_t)n * block * sizeof(float) > (size_t)1536 * 1024) block /= 2;
+  // Enough blocks to keep every thread busy.
+  const int per_thread = (nrhs + threads - 1) / threads;
+  if (block > per_thread) block = (per_thread + lanes - 1) / lanes * lanes;
+  const int ld = (block + lanes - 1) / lanes * lanes;
+  const int nblocks = (nrhs + block - 1) / block;
+  int count = threads < nblocks ? threads : nblocks;
+  if ((long long)n * n * nrhs < 4000000LL) count = 1;
+
+  // Leading zeros of each block, and how far they may be trusted.
+  std::vector<int> skip(nblocks, n + 1);
+  int deepest = 1;
+  for (int b = 0; b < nblocks; b++) {
+    for (int r = 1 + b * block; r <= nrhs && r <= (b + 1) * block; r++) {
+      int z = first_nonzero(x[r], n);
+      if (z < skip[b]) skip[b] = z;
+    }
+    if (skip[b] > deepest) deepest = skip[b];
+  }
+  const int nan_row = deepest > 2 ? first_nan_row(a, deepest) : deepest;
+  for (int &z : skip)
+    if (z > nan_row) z = nan_row;
+
+  auto job = [&](int t) {
+    const int b0 = (int)((long long)nblocks * t / count), b1 = (int)((long long)nblocks * (t + 1) / count);
+    if (b1 <= b0) return;
+    Buffer s((size_t)n * ld), work(replay_work_floats(PANEL));
+    std::vector<float *> rows(n + 1);
+    if (!s.p || !work.p) {  // no room to work in blocks: one at a time
+      for (int r = 1 + b0 * block; r <= nrhs && r <= b1 * block; r++) solvelu(a, n, x[r]);
+      return;
+    }
+    for (int i = 1; i <= n; i++) rows[i] = s.p + (size_t)(i - 1) * ld;
+    for (int b = b0; b < b1; b++) {
+      const int r0 = 1 + b * block;
+      const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
+      solve_block(a, n, x, r0, width, ld, skip[b], rows.data(), work.p);
+    }
+  };
+  if (count == 1)
+    job(0);
+  else
+    run_parallel(count, job);
 }
 
 // a: factors from ludec.  y[1..n]: on input a vector, on output the vector
 // with the transposes of the elimination steps applied in reverse order
 // (the transpose of what solvel does).  An exchange step is its own
 // transpose up to where the division lands.
+//
+// The defining order runs k = n-1 .. 1 outside and i = n .. k+1 inside, down
+// the columns of a.  Each y[x] then meets the steps (x, n) .. (x, x+1) and
+// after them (x-1, x) .. (1, x); taking i = n .. 2 outside and k = i-1 .. 1
+// inside gives every entry exactly that sequence while reading a along its
+// rows.
 void tsolvel(float **a, int n, float *y) {
-  for (int k = n - 1; k >= 1; k--) {
-    for (int i = n; i > k; i--) {
-      float m = a[i][k];
+  for (int i = n; i >= 2; i--) {
+    const float *ri = a[i];
+    float yi = y[i];
+    for (int k = i - 1; k >= 1; k--) {
+      float m = ri[k];
       if (fabsf(m) > 1.0f) {
-        float t = y[k] - y[i] / m;
-        y[k] = y[i];
-        y[i] = t;
+        float t = y[k] - yi / m;
+        y[k] = yi;
+        yi = t;
       } else {
-        y[k] = fmaf(-m, y[i], y[k]);
+        y[k] = fmaf(-m, yi, y[k]);
       }
     }
+    y[i] = yi;
   }
 }
 
 // a[1..n][1..n]: unchanged.  Returns the largest row sum of absolute values
-// (the infinity norm), each sum formed in double.
+// (the infinity norm), each sum formed in double in column order.  Four rows
+// are summed side by side so that four additions are under way at once.
 float mnorm1(float **a, int n) {
   float best = 0.0f;
-  for (int i = 1; i <= n; i++) {
+  auto consider = [&best](double sum) {
+    float s = (float)sum;
+    if (s > best) best = s;
+  };
+  int i = 1;
+  for (; i + 3 <= n; i += 4) {
+    const float *r0 = a[i], *r1 = a[i + 1], *r2 = a[i + 2], *r3 = a[i + 3];
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+    for (int j = 1; j <= n; j++) {
+      s0 += fabs((double)r0[j]);
+      s1 += fabs((double)r1[j]);
+      s2 += fabs((double)r2[j]);
+      s3 += fabs((double)r3[j]);
+    }
+    consider(s0), consider(s1), consider(s2), consider(s3);
+  }
+  for (; i <= n; i++) {
     const float *ri = a[i];
     double sum = 0.0;
     for (int j = 1; j <= n; j++) sum += fabs((double)ri[j]);
-    float s = (float)sum;
-    if (s > best) best = s;
+    consider(sum);
   }
   return best;
 }

@@ -28,5 +28,14 @@ float vnorm1(const float *v, int n);
 // Solve for nrhs right-hand sides at once.  a holds the factors from ludec;
 // x[1..nrhs][1..n] holds one right-hand side per ROW on input and the
 // corresponding solution in the same row on output.  Every row comes out bit
-// for bit as solvelu would leave it.
+// for bit as solvelu would leave it.  Leading entries that are exactly +0.0
+// (unit columns of an inversion, say) cost nothing in the forward part.
 void solvelu_many(float **a, int n, float **x, int nrhs);
+
+// Threads used by ludec and solvelu_many: 0 (the default) means one per
+// hardware thread.  The results do not depend on the number.
+void set_lu_threads(int count);
+// Instruction-set level of the kernels: 0 portable C++, 1 AVX2/FMA, 2
+// AVX-512; a negative or unavailable level means the best the processor has.
+// Returns the level in force.  The results do not depend on it either.
+int set_lu_simd(int level);

@@ -1,0 +1,180 @@
+// The replay and back-substitution kernels of numeric/lukernels.h, compiled
+// for three instruction-set levels and chosen at run time.  Every level
+// performs the same IEEE operations on every value (fmaf for each update, a
+// correctly rounded division for each exchange), so the level changes the
+// speed and never a bit of the result.
+#include "numeric/lukernels.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+// Let GCC vectorise loops of unknown length (with a scalar remainder).
+#if defined(__GNUC__) && !defined(__clang__)
+#define LOOPS_VECTORISED __attribute__((optimize("vect-cost-model=dynamic")))
+#else
+#define LOOPS_VECTORISED
+#endif
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define LU_X86_KERNELS 1
+#include <immintrin.h>
+#else
+#define LU_X86_KERNELS 0
+#endif
+
+// Level 0: portable C++, one float per "vector".
+namespace lu_portable {
+struct V {
+  using T = float;
+  static constexpr int W = 1;
+  static T load(const float *p) { return *p; }
+  static void store(float *p, T v) { *p = v; }
+  static T set1(float x) { return x; }
+  static T fnmadd(T m, T s, T acc) { return fmaf(-m, s, acc); }
+  static T exch(T t, T x, T m) { return t - x / m; }
+  static T div(T x, T d) { return x / d; }
+  static unsigned big(const float *p) { return !(fabsf(*p) <= 1.0f); }
+  static unsigned swaps(T m) { return !(fabsf(m) <= 1.0f); }
+  static T blend_range(int r, int e, T a, T b) { return r <= 0 && 0 < e ? a : b; }
+};
+constexpr int TILE_V = 4, ROWS = 4, BACK_V = 4, BLOCK_TILES = 16;
+#include "numeric/lukernels_body.inc"
+}  // namespace lu_portable
+
+#if LU_X86_KERNELS
+#pragma GCC push_options
+#pragma GCC target("avx2,fma")
+namespace lu_avx2 {
+struct V {
+  using T = __m256;
+  static constexpr int W = 8;
+  static T load(const float *p) { return _mm256_loadu_ps(p); }
+  static void store(float *p, T v) { _mm256_storeu_ps(p, v); }
+  static T set1(float x) { return _mm256_set1_ps(x); }
+  // -(m*s) + acc with one rounding: the same value as fmaf(-m, s, acc).
+  static T fnmadd(T m, T s, T acc) { return _mm256_fnmadd_ps(m, s, acc); }
+  static T exch(T t, T x, T m) { return _mm256_sub_ps(t, _mm256_div_ps(x, m)); }
+  static T div(T x, T d) { return _mm256_div_ps(x, d); }
+  static T abs(T x) { return _mm256_andnot_ps(_mm256_set1_ps(-0.0f), x); }
+  static unsigned big(const float *p) {
+    return (unsigned)_mm256_movemask_ps(_mm256_cmp_ps(abs(load(p)), _mm256_set1_ps(1.0f), _CMP_NLE_UQ));
+  }
+  static unsigned swaps(T m) {
+    return (unsigned)_mm256_movemask_ps(_mm256_cmp_ps(abs(m), _mm256_set1_ps(1.0f), _CMP_NLE_UQ));
+  }
+  static T blend_range(int r, int e, T a, T b) {
+    const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    __m256i in = _mm256_and_si256(_mm256_cmpgt_epi32(lane, _mm256_set1_epi32(r - 1)),
+                                  _mm256_cmpgt_epi32(_mm256_set1_epi32(e), lane));
+    return _mm256_blendv_ps(b, a, _mm256_castsi256_ps(in));
+  }
+};
+constexpr int TILE_V = 2, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
+#include "numeric/lukernels_body.inc"
+}  // namespace lu_avx2
+#pragma GCC pop_options
+
+#pragma GCC push_options
+#pragma GCC target("avx512f")
+namespace lu_avx512 {
+struct V {
+  using T = __m512;
+  static constexpr int W = 16;
+  static T load(const float *p) { return _mm512_loadu_ps(p); }
+  static void store(float *p, T v) { _mm512_storeu_ps(p, v); }
+  static T set1(float x) { return _mm512_set1_ps(x); }
+  static T fnmadd(T m, T s, T acc) { return _mm512_fnmadd_ps(m, s, acc); }
+  static T exch(T t, T x, T m) { return _mm512_sub_ps(t, _mm512_div_ps(x, m)); }
+  static T div(T x, T d) { return _mm512_div_ps(x, d); }
+  static unsigned big(const float *p) {
+    return _mm512_cmp_ps_mask(_mm512_abs_ps(load(p)), _mm512_set1_ps(1.0f), _CMP_NLE_UQ);
+  }
+  static unsigned swaps(T m) { return _mm512_cmp_ps_mask(_mm512_abs_ps(m), _mm512_set1_ps(1.0f), _CMP_NLE_UQ); }
+  static T blend_range(int r, int e, T a, T b) {
+    __mmask16 in = (__mmask16)(((1u << e) - 1) & ~((1u << r) - 1));
+    return _mm512_mask_blend_ps(in, b, a);
+  }
+};
+constexpr int TILE_V = 4, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
+#include "numeric/lukernels_body.inc"
+}  // namespace lu_avx512
+#pragma GCC pop_options
+#endif
+
+namespace {
+
+int detect_best() {
+#if LU_X86_KERNELS
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx512f")) return 2;
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return 1;
+#endif
+  return 0;
+}
+
+const int best_level = detect_best();
+int current_level = best_level;
+
+}  // namespace
+
+int lu_simd_best() { return best_level; }
+int lu_simd_level() { return current_level; }
+
+int lu_set_simd_level(int level) {
+  if (level < 0 || level > best_level) level = best_level;
+  current_level = level;
+  return current_level;
+}
+
+int replay_tile_cols() {
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::TW;
+  if (current_level == 1) return lu_avx2::TW;
+#endif
+  return lu_portable::TW;
+}
+
+int replay_lanes() {
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::V::W;
+  if (current_level == 1) return lu_avx2::V::W;
+#endif
+  return lu_portable::V::W;
+}
+
+size_t replay_work_floats(int npiv) {
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::work_floats(npiv);
+  if (current_level == 1) return lu_avx2::work_floats(npiv);
+#endif
+  return lu_portable::work_floats(npiv);
+}
+
+void factor_base_columns(float *const *a, int n, int k0, int k1) {
+  if (k1 < k0) return;
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::factor_base(a, n, k0, k1);
+  if (current_level == 1) return lu_avx2::factor_base(a, n, k0, k1);
+#endif
+  lu_portable::factor_base(a, n, k0, k1);
+}
+
+void replay_steps(const StepReplay &p, float *work) {
+  if (p.k1 < p.k0 || p.ncols <= 0) return;
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::replay(p, work);
+  if (current_level == 1) return lu_avx2::replay(p, work);
+#endif
+  lu_portable::replay(p, work);
+}
+
+void back_substitute(float *const *a, int n, float *const *s, int width) {
+  if (n < 1 || width <= 0) return;
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::back(a, n, s, width);
+  if (current_level == 1) return lu_avx2::back(a, n, s, width);
+#endif
+  lu_portable::back(a, n, s, width);
+}

@@ -1,0 +1,64 @@
+// Vectorised building blocks of the LU factorisation and its many-right-hand
+// side solves (internal to numeric/ludec.cpp and its tests).
+//
+// The factorisation eliminates row i against rows k = 1 .. i-1 in turn; a
+// step (k, i) touches only rows k and i, from column k on, and is either
+// "row i -= m row k" (|m| <= 1) or an exchange "row k <- row i, row i <-
+// old row k - row i / m".  Once the multipliers of a range of pivots are
+// known, the same steps can be replayed on any other columns, one column
+// independently of the next; that replay is what these kernels do, across
+// many columns at once, with every single value computed by exactly the same
+// operations (one fmaf per update, a true division per exchange) as the
+// one-row-at-a-time loops.  The results are therefore identical bit for bit
+// at every instruction-set level.
+#pragma once
+
+#include <cstddef>
+
+// One replay: the steps of pivots k0 .. k1, with the multiplier of step
+// (k, i) in mul[i][k] (the factorised matrix), applied to the target columns
+// trow[i][col .. col + ncols - 1] of rows k0 .. n in the order of the
+// factorisation.  Rows below ilo (ilo > k0) are left out: a caller may do so
+// only when their steps would all be no-ops.  `lu_rule` chooses the exchange
+// test: the factorisation exchanges when !(|m| <= 1), the solves when
+// |m| > 1 (the two differ only for a NaN multiplier).
+struct StepReplay {
+  float *const *mul;
+  float *const *trow;
+  int col;
+  int ncols;
+  int n;
+  int k0, k1;
+  int ilo;
+  bool lu_rule;
+};
+
+// Instruction-set levels: 0 portable C++, 1 AVX2 with FMA, 2 AVX-512.
+int lu_simd_best();
+int lu_simd_level();
+// Choose a level; one the processor lacks is lowered to the best it has.
+// Returns the level now in force.
+int lu_set_simd_level(int level);
+
+// Columns handled together by one kernel call at the current level; column
+// ranges split among threads are best cut at multiples of it.
+int replay_tile_cols();
+// Floats of work space that replay_steps needs for npiv pivots.
+size_t replay_work_floats(int npiv);
+// Apply the replay p (see above); work holds replay_work_floats(k1-k0+1)
+// floats.
+void replay_steps(const StepReplay &p, float *work);
+
+// The factorisation restricted to columns k0 .. k1 of a[1..n][1..n] (at
+// most 16 columns): every step of pivots k0 .. k1, on those columns only, in
+// effect in the defining order, decisions and pivot guard included.  The
+// columns must already have taken all steps of earlier pivots.
+void factor_base_columns(float *const *a, int n, int k0, int k1);
+
+// Lanes of one vector at the current level; back_substitute wants widths
+// that are a multiple of it.
+int replay_lanes();
+// Back substitution with the upper triangle of a[1..n][1..n] for `width`
+// right-hand sides held side by side: s[i][0 .. width-1] is entry i of each.
+// Every lane comes out as the single-vector back substitution leaves it.
+void back_substitute(float *const *a, int n, float *const *s, int width);
