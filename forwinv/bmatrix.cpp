@@ -4,12 +4,20 @@
 // isolated-source interface.
 #include "forwinv/bmatrix.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "geometry/solangle.h"
 #include "numeric/nrutils.h"
+#include "numeric/parallel.h"
 
 namespace {
 
@@ -47,14 +55,12 @@ int get_offset(int i) {
   return off;
 }
 
-// i, j: indices into geo; rows are the vertices of i, columns those of j.
-// On input the rows of b belonging to the diagonal block of j must hold the
-// finished geometric weights when i != j (vertices of i that coincide with a
-// vertex of j borrow that vertex's row).
-// On output the block of b holds the geometric weights (a fraction of 2 pi
-// per basis vertex) and geocon[i][j] the nesting: 1 on the diagonal, 2 when
-// the vertices of i lie inside j, 0 when outside.  Faults are fatal.
-void b_submatrix(int i, int j) {
+namespace {
+
+// The plain sequential assembly of one block: the rows one after the other,
+// each classified as soon as it is made.  The threaded version below must
+// give the same bits, the same output and the same first fault.
+void b_submatrix_reference(int i, int j) {
   const Interface &gi = geo[i];
   const Interface &gj = geo[j];
   const int ri = get_offset(i), cj = get_offset(j);
@@ -195,6 +201,344 @@ void b_submatrix(int i, int j) {
     snprintf(errmsg, ERRMSG_SIZE, " could not find a vertex of %s that does not touch %s", gi.name, gj.name);
     fatal();
   }
+}
+
+// The threaded assembly of one block.  The rows are made by a pool of
+// threads (the caller included) in any order; the caller walks them in row
+// order, printing the countdown, copying the rows of coincident vertices,
+// classifying and checking exactly as the plain version does, so that the
+// output, the containment found and the first fault are the same.
+
+// How the making of one row ended.
+enum RowKind { ROW_MADE, ROW_COINCIDENT, ROW_DOUBLE_VERTEX, ROW_TOUCHES, ROW_NO_TRIANGLE };
+
+struct RowResult {
+  int kind = ROW_MADE;
+  int triangle = 0;  // ROW_TOUCHES: zero-based triangle of j
+  int vertex = 0;    // ROW_COINCIDENT: the vertex of j the row's vertex sits on
+  double sum = 0.0;  // off-diagonal ROW_MADE: the row's sum over the block
+};
+
+// Per-thread work space.
+struct RowScratch {
+  int *mark = nullptr;      // [0..nj-1] neighbours of the row's vertex (diagonal)
+  double *y = nullptr;      // [0..3nj-1] every vertex of j minus the row's vertex
+  double *len = nullptr;    // [0..nj-1] their lengths
+  int *zero = nullptr;      // [0..nj-1] vertices of j on the row's vertex, in index order
+};
+
+struct Block {
+  int i, j, ri, cj, ni, nj;
+  bool diagonal;
+  const Interface *gi, *gj;
+  const double *pj;  // vertices of j in double, three per vertex
+};
+
+// Row k of block bk into b (the block's columns only), with the scratch s
+// of the calling thread.  Never prints and never ends the process: a fault
+// is reported in the result for the caller to raise in row order.
+void make_row(const Block &bk, int k, RowScratch &s, RowResult &res) {
+  const Interface &gi = *bk.gi, &gj = *bk.gj;
+  const int nj = bk.nj, cj = bk.cj;
+  const int r = bk.ri + k;
+  float *row = b[r];
+  memset(&row[cj], 0, sizeof(float) * nj);
+  res = RowResult();
+
+  // Every vertex of j seen from x once per row, rather than three times per
+  // triangle: the differences and lengths are the ones solangle would form.
+  const double x[3] = {gi.pnt[k][0], gi.pnt[k][1], gi.pnt[k][2]};
+  int nzero = 0;
+  for (int v = 0; v < nj; v++) {
+    double *yv = &s.y[3 * v];
+    for (int c = 0; c < 3; c++) yv[c] = bk.pj[3 * v + c] - x[c];
+    s.len[v] = solangle_length(yv);
+    // The row's own vertex in a diagonal block only ever meets triangles
+    // that are skipped below, so it needs no test.
+    if (yv[0] == 0.0 && yv[1] == 0.0 && yv[2] == 0.0 && !(bk.diagonal && v == k)) s.zero[nzero++] = v;
+  }
+  auto on_vertex = [&](int v) {
+    for (int z = 0; z < nzero; z++)
+      if (s.zero[z] == v) return true;
+    return false;
+  };
+
+  int nneighb = 0;
+  double centre[3] = {0.0, 0.0, 0.0};
+  if (bk.diagonal) memset(s.mark, 0, sizeof(int) * nj);
+
+  for (int t = 0; t < gj.ndhk; t++) {
+    const int32_t *tri = gj.dhk[t];
+    if (bk.diagonal) {
+      const int p = tri[0] == k ? 0 : tri[1] == k ? 1 : tri[2] == k ? 2 : -1;
+      if (p >= 0) {
+        const int v1 = tri[(p + 1) % 3], v2 = tri[(p + 2) % 3];
+        s.mark[v1] = s.mark[v2] = 1;
+        nneighb++;
+        for (int c = 0; c < 3; c++) centre[c] += bk.pj[3 * v1 + c] + bk.pj[3 * v2 + c];
+        continue;
+      }
+    }
+    if (nzero > 0) {
+      int zero = -1;
+      for (int m = 0; m < 3 && zero < 0; m++)
+        if (on_vertex(tri[m])) zero = m;
+      if (zero >= 0) {
+        if (bk.diagonal) {
+          res.kind = ROW_DOUBLE_VERTEX;
+        } else {
+          res.kind = ROW_COINCIDENT;
+          res.vertex = tri[zero];
+        }
+        return;
+      }
+    }
+    double w1, w2, w3;
+    const int a = tri[0], bv = tri[1], c = tri[2];
+    if (!solangle_lengths(&s.y[3 * a], &s.y[3 * bv], &s.y[3 * c], s.len[a], s.len[bv], s.len[c], &w1, &w2, &w3,
+                          FAR_TRIANGLE)) {
+      res.kind = ROW_TOUCHES;
+      res.triangle = t;
+      return;
+    }
+    float *e0 = &row[cj + a], *e1 = &row[cj + bv], *e2 = &row[cj + c];
+    *e0 = (float)(*e0 + w1 * INV_TWO_PI);
+    *e1 = (float)(*e1 + w2 * INV_TWO_PI);
+    *e2 = (float)(*e2 + w3 * INV_TWO_PI);
+  }
+
+  if (!bk.diagonal) {
+    res.sum = row_sum(row, cj, nj);
+    return;
+  }
+  if (nneighb == 0) {
+    res.kind = ROW_NO_TRIANGLE;
+    return;
+  }
+  // Own-vertex term, as in the plain version.
+  double m[3];
+  for (int c = 0; c < 3; c++) m[c] = centre[c] / (2.0 * nneighb);
+  double spread = 0.0;
+  for (int v = 0; v < nj; v++)
+    if (s.mark[v])
+      for (int c = 0; c < 3; c++) {
+        const double dv = gj.pnt[v][c] - m[c];
+        spread += dv * dv;
+      }
+  const double rad = std::sqrt(spread / nneighb);
+  double h2 = 0.0;
+  for (int c = 0; c < 3; c++) h2 += (x[c] - m[c]) * (x[c] - m[c]);
+  const double q = rad / std::sqrt(rad * rad + h2);
+  const double theta = 2.0 * std::acos(q);
+  row[r] = (float)(theta <= 0.0001 ? theta / 4.0 : 2.0 * (1.0 - q) / theta);
+  const double extra = (1.0 - row_sum(row, cj, nj)) / nneighb;
+  for (int v = 0; v < nj; v++)
+    if (s.mark[v]) row[cj + v] = (float)(row[cj + v] + extra);
+}
+
+// Rows of one block made by a pool of threads and handed to the caller in
+// row order.  The caller takes part: while the row it waits for is not
+// ready it makes the next row nobody has taken yet.
+class RowPool {
+ public:
+  RowPool(const Block &bk, int nthreads) : bk_(bk), results_(bk.ni), ready_(bk.ni, 0) {
+    scratch_.resize(nthreads);
+    for (RowScratch &s : scratch_) {
+      const int n = bk.nj > 0 ? bk.nj : 1;
+      s.mark = ivector(0, n - 1);
+      s.y = dvector(0, 3 * n - 1);
+      s.len = dvector(0, n - 1);
+      s.zero = ivector(0, n - 1);
+      if (!s.mark || !s.y || !s.len || !s.zero) error("cannot allocate vector member");
+    }
+    // A thread the system refuses only means fewer helpers: the caller
+    // makes whatever rows nobody else takes.
+    try {
+      for (int t = 1; t < nthreads; t++) workers_.emplace_back([this, t] { work(scratch_[t]); });
+    } catch (const std::system_error &) {
+    }
+  }
+
+  ~RowPool() { stop(); }
+
+  // Stop handing out rows and wait for the rows under way; then free the
+  // work space.  Called before a fault ends the process, so that no thread
+  // still writes into b.
+  void stop() {
+    stopping_.store(true);
+    for (std::thread &w : workers_) w.join();
+    workers_.clear();
+    for (RowScratch &s : scratch_) {
+      const int n = bk_.nj > 0 ? bk_.nj : 1;
+      if (s.mark) ifree_vector(s.mark, 0, n - 1);
+      if (s.y) free_dvector(s.y, 0, 3 * n - 1);
+      if (s.len) free_dvector(s.len, 0, n - 1);
+      if (s.zero) ifree_vector(s.zero, 0, n - 1);
+      s = RowScratch();
+    }
+  }
+
+  // Row k, once it is made.
+  const RowResult &row(int k) {
+    for (;;) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (ready_[k]) break;
+      }
+      const int m = next_.fetch_add(1);
+      if (m < bk_.ni) {
+        make(m, scratch_[0]);
+        continue;
+      }
+      std::unique_lock<std::mutex> lock(mutex_);
+      made_.wait(lock, [&] { return ready_[k] != 0; });
+      break;
+    }
+    return results_[k];
+  }
+
+ private:
+  void make(int k, RowScratch &s) {
+    make_row(bk_, k, s, results_[k]);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ready_[k] = 1;
+    }
+    made_.notify_one();
+  }
+
+  void work(RowScratch &s) {
+    while (!stopping_.load()) {
+      const int k = next_.fetch_add(1);
+      if (k >= bk_.ni) return;
+      make(k, s);
+    }
+  }
+
+  const Block &bk_;
+  std::vector<RowResult> results_;
+  std::vector<char> ready_;  // guarded by mutex_
+  std::vector<RowScratch> scratch_;
+  std::vector<std::thread> workers_;
+  std::atomic<int> next_{0};
+  std::atomic<bool> stopping_{false};
+  std::mutex mutex_;
+  std::condition_variable made_;
+};
+
+// A fault found in the walk: let the threads finish, then end the process.
+[[noreturn]] void fail(RowPool &pool) {
+  pool.stop();
+  fatal();
+}
+
+void b_submatrix_threaded(int i, int j) {
+  const Interface &gi = geo[i];
+  const Interface &gj = geo[j];
+  const int ri = get_offset(i), cj = get_offset(j);
+  const int ni = gi.npnt, nj = gj.npnt;
+  const bool diagonal = i == j;
+  const bool countdown = diagonal || j == 0 || (j == 1 && i == 0);
+  const char *countdown_end = ngeo == 1 ? "\r" : (diagonal ? " (pass 1)\r" : " (pass 2)\r");
+
+  check_triangles(gj);
+
+  int state = -1;
+  bool met_coincident = false;
+  if (ni > 0) {
+    double *pj = dvector(0, 3 * (nj > 0 ? nj : 1) - 1);
+    if (!pj) error("cannot allocate vector member");
+    for (int v = 0; v < nj; v++)
+      for (int c = 0; c < 3; c++) pj[3 * v + c] = gj.pnt[v][c];
+    const Block bk = {i, j, ri, cj, ni, nj, diagonal, &gi, &gj, pj};
+    RowPool pool(bk, std::min(assembly_threads(), ni));
+
+    // The walk in row order; a containment found only after coincident
+    // rows were taken as outside walks the block again (the rows themselves
+    // do not change, only the coincident ones are copied anew).
+    bool again;
+    do {
+      again = false;
+      for (int k = 0; k < ni; k++) {
+        const int r = ri + k;
+        if (countdown && (totpnt - r) % 10 == 0) printf(" Bmat countdown:%5d%s", totpnt - r, countdown_end);
+        const RowResult &res = pool.row(k);
+        float *row = b[r];
+        bool coincident = false;
+        switch (res.kind) {
+          case ROW_DOUBLE_VERTEX:
+            snprintf(errmsg, ERRMSG_SIZE, "double vertex at %s", gi.name);
+            fail(pool);
+          case ROW_TOUCHES:
+            snprintf(errmsg, ERRMSG_SIZE,
+                     "during computation of B-matrix;\n vertex %d of %s touches triangle %d of %s", k + 1, gi.name,
+                     res.triangle + 1, gj.name);
+            fail(pool);
+          case ROW_NO_TRIANGLE:
+            snprintf(errmsg, ERRMSG_SIZE, "vertex %d of %s belongs to no triangle", k + 1, gi.name);
+            fail(pool);
+          case ROW_COINCIDENT:
+            memcpy(&row[cj], &b[cj + res.vertex][cj], sizeof(float) * nj);
+            row[cj + res.vertex] += state == 2 ? 1.0f : -1.0f;
+            coincident = true;
+            met_coincident = true;
+            break;
+          default:
+            break;
+        }
+        if (diagonal) {
+          geocon[i][i] = 1;
+          state = 1;
+          continue;
+        }
+        const double s = coincident ? row_sum(row, cj, nj) : res.sum;
+        if (state < 0) {
+          if (coincident) continue;
+          if (s < -0.01 || (0.01 < s && s < 1.99) || s > 2.01) {
+            snprintf(errmsg, ERRMSG_SIZE,
+                     " interface %s is not a single closed surface\n (totsolangle=%8.4lf from vertex %d of %s )\n",
+                     gj.name, s, k + 1, gi.name);
+            fail(pool);
+          }
+          geocon[i][j] = s >= 1.0 ? 2 : 0;
+          state = geocon[i][j];
+          if (k > 0 && state == 2) {
+            again = true;
+            break;
+          }
+        } else if ((s < 0.1 && geocon[i][j] != 0) || (0.1 < s && s < 1.9 && geocon[i][j] != 1) ||
+                   (s > 1.9 && geocon[i][j] != 2)) {
+          snprintf(errmsg, ERRMSG_SIZE, " interface %s and %s intersect \n at vertex %d of %s\n%s", gi.name,
+                   gj.name, k + 1, gi.name,
+                   met_coincident ? " (an interface that is contained within another one may not touch it)\n" : "");
+          fail(pool);
+        }
+      }
+    } while (again);
+    pool.stop();
+    free_dvector(pj, 0, 3 * (nj > 0 ? nj : 1) - 1);
+  }
+
+  if (state < 0) {
+    snprintf(errmsg, ERRMSG_SIZE, " could not find a vertex of %s that does not touch %s", gi.name, gj.name);
+    fatal();
+  }
+}
+
+}  // namespace
+
+// i, j: indices into geo; rows are the vertices of i, columns those of j.
+// On input the rows of b belonging to the diagonal block of j must hold the
+// finished geometric weights when i != j (vertices of i that coincide with a
+// vertex of j borrow that vertex's row).
+// On output the block of b holds the geometric weights (a fraction of 2 pi
+// per basis vertex) and geocon[i][j] the nesting: 1 on the diagonal, 2 when
+// the vertices of i lie inside j, 0 when outside.  Faults are fatal.
+void b_submatrix(int i, int j) {
+  if (assembly_reference())
+    b_submatrix_reference(i, j);
+  else
+    b_submatrix_threaded(i, j);
 }
 
 // Reads geocon and every sigma_in; on output each sigma_out holds the

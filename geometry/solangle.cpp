@@ -6,15 +6,12 @@
 
 namespace {
 
-double norm(const double v[3]) { return std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]); }
+// The one length formula of this module, shared with callers that supply
+// lengths themselves.
+double norm(const double v[3]) { return solangle_length(v); }
 
-inline double dot(const double a[3], const double b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-
-inline void cross(const double a[3], const double b[3], double c[3]) {
-  c[0] = a[1] * b[2] - a[2] * b[1];
-  c[1] = a[2] * b[0] - a[0] * b[2];
-  c[2] = a[0] * b[1] - a[1] * b[0];
-}
+using solangle_detail::cross;
+using solangle_detail::dot;
 
 }  // namespace
 
@@ -27,22 +24,17 @@ inline void cross(const double a[3], const double b[3], double c[3]) {
 // on one of its vertices.
 int solangle(const double y1[3], const double y2[3], const double y3[3], double *w1, double *w2, double *w3,
              double minangle) {
-  // Only what the solid angle needs comes before the far-triangle exit:
-  // most triangles of a model are far from the observation point.
+  return solangle_lengths(y1, y2, y3, norm(y1), norm(y2), norm(y3), w1, w2, w3, minangle);
+}
+
+// y1, y2, y3, l1, l2, l3, w1, w2, w3: as for solangle_lengths.
+// t: y1 . (y2 x y3); omega: the solid angle, at least the far-triangle
+//   threshold in absolute value.
+// Returns as solangle.
+int solangle_near(const double y1[3], const double y2[3], const double y3[3], double l1, double l2, double l3,
+                  double t, double omega, double *w1, double *w2, double *w3) {
   double z1[3];
   cross(y2, y3, z1);
-  const double t = dot(y1, z1);
-  const double l1 = norm(y1), l2 = norm(y2), l3 = norm(y3);
-  const double den = l1 * l2 * l3 + dot(y1, y2) * l3 + dot(y2, y3) * l1 + dot(y1, y3) * l2;
-  if (t == 0.0 && den <= 0.0) return 0;  // on the triangle itself
-  // The minus sign makes triangles whose right-hand normal faces the point
-  // count positive, so an inward-oriented closed surface totals +4 pi.
-  const double omega = -2.0 * std::atan2(t, den);
-  if (std::fabs(omega) < minangle) {
-    *w1 = *w2 = *w3 = omega / 3.0;
-    return 1;
-  }
-
   const double *y[5] = {y3, y1, y2, y3, y1};  // cyclic: y[0] = y3, y[4] = y1
   const double l[5] = {l3, l1, l2, l3, l1};
   double z[4][3];

@@ -1,0 +1,154 @@
+// Whole runs of the built program on the three-shell sphere head with 2562
+// vertices per shell (radii 1.0, 0.92, 0.88; conductivities 1, 0.0125, 1),
+// timed as whole commands: a forward run, a run that stores the inverted A
+// matrix (-i), and a forward run that loads it.  Electrodes are either the
+// 19 of the layout tool or every scalp vertex (the empty answer, shown as
+// electrodes:0).  --head_vertices=N runs the same on a head with N vertices
+// per shell (642 for a quick look).
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+#include "tools/icosphere.h"
+
+namespace {
+
+int vertices = 2562;
+const int TIMEOUT_S = 3600;
+
+// Ten dipoles in the brain compartment.
+const char *const SOURCES =
+    "10\n"
+    "1  0.30  0.20  0.45\n2 -0.30  0.20  0.45\n3  0.00  0.50  0.30\n4  0.00 -0.50  0.30\n5  0.40  0.00  0.40\n"
+    "6 -0.40  0.00  0.40\n7  0.10  0.10  0.70\n8 -0.20 -0.20  0.10\n9  0.55  0.30  0.00\n10 0.00  0.00  0.60\n";
+
+// The scratch folder with the model, made on first use and kept for the
+// whole benchmark run.
+const TempDir &model_dir() {
+  static std::unique_ptr<TempDir> dir;
+  if (!dir) {
+    dir = std::make_unique<TempDir>();
+    const int level = icosphere_level(vertices);
+    write_trimesh(dir->file("scalp.tri"), icosphere(level, 1.00), true);
+    write_trimesh(dir->file("skull.tri"), icosphere(level, 0.92), true);
+    write_trimesh(dir->file("brain.tri"), icosphere(level, 0.88), true);
+    write_file(dir->file("dipoles.pos"), SOURCES);
+    const ProcResult p = run_process(ELECTRODE_LAYOUT_EXE, {"scalp.tri", "electrodes.elc"}, "", dir->path());
+    if (p.status != 0) fprintf(stderr, "electrode_layout failed: %s\n", p.err.c_str());
+  }
+  return *dir;
+}
+
+std::string geometry_answers(int electrodes) {
+  return "scalp.tri\n1\nskull.tri\n0.0125\nbrain.tri\n1\n\n" +
+         std::string(electrodes == 19 ? "electrodes.elc\n" : "\n");
+}
+
+std::string ama_name(int electrodes) { return electrodes == 19 ? "head19.ama" : "head_all.ama"; }
+
+// Run the program in the model folder; the wall-clock time of the whole
+// command, or a negative value (with the reason given to the benchmark)
+// when it failed.
+double timed_run(benchmark::State &state, const std::vector<std::string> &args, const std::string &input,
+                 const std::string &must_write) {
+  const TempDir &dir = model_dir();
+  remove(dir.file(must_write).c_str());
+  const auto start = std::chrono::steady_clock::now();
+  const ProcResult p = run_process(BRELIX_EXE, args, input, dir.path(), TIMEOUT_S);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  if (p.status != 0 || !file_exists(dir.file(must_write))) {
+    const std::string why = "brelix exited with status " + std::to_string(p.status) +
+                            (p.status == 128 + 9 ? " (killed after the time limit)" : "") + ": " +
+                            p.err.substr(0, 300);
+    state.SkipWithError(why.c_str());
+    return -1.0;
+  }
+  return seconds;
+}
+
+// state.range(0): 19 electrodes, or 0 for every scalp vertex.
+void BM_ForwardRun(benchmark::State &state) {
+  const int electrodes = (int)state.range(0);
+  const std::string input = geometry_answers(electrodes) + "dipoles.pos\n\nforward.mat\n";
+  for (auto _ : state) {
+    const double s = timed_run(state, {}, input, "forward.mat");
+    if (s < 0) break;
+    state.SetIterationTime(s);
+  }
+}
+
+void BM_StoreInvertedRun(benchmark::State &state) {
+  const int electrodes = (int)state.range(0);
+  for (auto _ : state) {
+    const double s = timed_run(state, {"-i", ama_name(electrodes)}, geometry_answers(electrodes), ama_name(electrodes));
+    if (s < 0) break;
+    state.SetIterationTime(s);
+  }
+}
+
+void BM_LoadedForwardRun(benchmark::State &state) {
+  const int electrodes = (int)state.range(0);
+  const TempDir &dir = model_dir();
+  if (!file_exists(dir.file(ama_name(electrodes)))) {
+    const ProcResult p = run_process(BRELIX_EXE, {"-i", ama_name(electrodes)}, geometry_answers(electrodes),
+                                     dir.path(), TIMEOUT_S);
+    if (p.status != 0) {
+      state.SkipWithError("could not store the inverted A matrix");
+      return;
+    }
+  }
+  for (auto _ : state) {
+    const double s = timed_run(state, {ama_name(electrodes)}, "dipoles.pos\n\nloaded.mat\n", "loaded.mat");
+    if (s < 0) break;
+    state.SetIterationTime(s);
+  }
+}
+
+}  // namespace
+
+BENCHMARK(BM_ForwardRun)->ArgName("electrodes")->Arg(19)->Arg(0)->Iterations(1)->UseManualTime()->Unit(
+    benchmark::kSecond);
+BENCHMARK(BM_StoreInvertedRun)
+    ->ArgName("electrodes")
+    ->Arg(19)
+    ->Arg(0)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
+BENCHMARK(BM_LoadedForwardRun)
+    ->ArgName("electrodes")
+    ->Arg(19)
+    ->Arg(0)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
+
+int main(int argc, char **argv) {
+  // Our own option first; the rest is the benchmark library's.
+  int kept = 1;
+  for (int a = 1; a < argc; a++) {
+    if (strncmp(argv[a], "--head_vertices=", 16) == 0) {
+      vertices = atoi(argv[a] + 16);
+      if (icosphere_level(vertices) < 0) {
+        fprintf(stderr, "no sphere mesh has %d vertices (12, 42, 162, 642, 2562, ...)\n", vertices);
+        return 1;
+      }
+    } else {
+      argv[kept++] = argv[a];
+    }
+  }
+  argc = kept;
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  printf("Head of three shells with %d vertices each\n", vertices);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
