@@ -26,10 +26,15 @@ void sphi_transform(const Interface *table, int n, float **x, int nrows) {
 }
 
 void do_solve(float **m, float **x, int nrows, int n) {
+  // The rows are solved together in blocks, each exactly as a solve of its
+  // own; the countdown follows the blocks.
+  constexpr int BLOCK = 64;
   bool shown = nrows > 10;
-  for (int r = 1; r <= nrows; r++) {
-    if (shown && (nrows - r) % 10 == 0) printf("Solve countdown:%5d\r", nrows - r);
-    solvelu(m, n, x[r]);
+  for (int r0 = 1; r0 <= nrows; r0 += BLOCK) {
+    int count = nrows - r0 + 1 < BLOCK ? nrows - r0 + 1 : BLOCK;
+    for (int r = r0; r < r0 + count; r++)
+      if (shown && (nrows - r) % 10 == 0) printf("Solve countdown:%5d\r", nrows - r);
+    solvelu_many(m, n, x + r0 - 1, count);
   }
   if (shown) printf("\n");
 }
