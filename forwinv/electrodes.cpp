@@ -2,6 +2,7 @@
 #include "forwinv/electrodes.h"
 
 #include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -67,7 +68,9 @@ ReadResult read_electrode_file(FILE *fp) {
     if (triangles) {
       int tri;
       float u, v;
-      if (sscanf(line, "%d%f%f", &tri, &u, &v) != 3) {
+      // A point given by coordinates that are not numbers cannot be
+      // interpolated: such a line is as unreadable as a missing one.
+      if (sscanf(line, "%d%f%f", &tri, &u, &v) != 3 || !std::isfinite(u) || !std::isfinite(v)) {
         good = false;
         break;
       }

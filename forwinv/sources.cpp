@@ -298,6 +298,14 @@ int init_dip(const char *filename, int *nsource_out, SourceRecord **source_out, 
       set_mirror(s, p);
       s.pos_mode = p.pos_mode;
       s.ori_stationary = p.ori_stationary;
+      // Without a mirrored orientation the source fits an orientation of its
+      // own exactly when it took over a stationary one.  Its counts must say
+      // so: counts left from its own bits would number parameters and
+      // transfer-matrix columns that the fit never allocates.
+      if (!s.ori_symmetric) {
+        s.nl = s.ori_stationary ? 1 : 3;
+        s.nn = s.ori_stationary ? 2 : 0;
+      }
     }
     if (s.ori_symmetric) {
       if (!s.pos_symmetric) error("Separate orientation symmetry not yet implemented");

@@ -194,10 +194,10 @@ Status read_text(FILE *f, long long size, int32_t *np, int32_t *nt, float (**pp)
     int first = k >= 4 ? 1 : 0;
     for (int j = 0; ok && j < 3; j++) {
       // Text files count vertices from 1; the index must still fit after
-      // the shift to 0.
-      long long idx = v[first + j] - 1;
-      ok = !wide[first + j] && idx >= INT32_MIN;
-      if (ok) t[i][j] = (int32_t)idx;
+      // the shift to 0.  A number outside the 32-bit range is refused before
+      // the shift (strtoll may have clamped it to the lowest long long).
+      ok = !wide[first + j] && v[first + j] - 1 >= INT32_MIN;
+      if (ok) t[i][j] = (int32_t)(v[first + j] - 1);
     }
     if (!ok) {
       free(p);
