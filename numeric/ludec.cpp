@@ -17,6 +17,7 @@
 // threads (numeric/lukernels.h).  The result is bit for bit that of the
 // one-row-at-a-time loops (numeric/ludec_plain.cpp).
 #include "numeric/ludec.h"
+#include "numeric/ludec_plain.h"
 
 #include <atomic>
 #include <climits>
@@ -90,22 +91,6 @@ void run_parallel(int count, const Job &job) {
   job(0);
   for (int t : inline_jobs) job(t);
   for (auto &th : pool) th.join();
-}
-
-// Row i -= m * row k over columns k+1 .. hi (no exchange).
-ROW_LOOP void eliminate_row(float *__restrict ri, const float *__restrict rk, float m, int k, int hi) {
-  for (int j = k + 1; j <= hi; j++) ri[j] = fmaf(-m, rk[j], ri[j]);
-}
-
-// Exchange step over columns k .. hi: row k takes row i, and row i becomes
-// (old row k) - (old row i)/m.  Division rather than a product with 1/m keeps
-// the rounding the solvers reproduce.
-ROW_LOOP void exchange_rows(float *__restrict ri, float *__restrict rk, float m, int k, int hi) {
-  for (int j = k; j <= hi; j++) {
-    float t = rk[j];
-    rk[j] = ri[j];
-    ri[j] = t - ri[j] / m;
-  }
 }
 
 // sum[lo..hi] += y * row[lo..hi], in double (each product is exact).
@@ -245,21 +230,7 @@ void ludec(float **a, int n, float *cond) {
 
   if (!factor_blocked(a, n, shown)) {
     // Without work space: the same steps in the defining order.
-    for (int i = 2; i <= n; i++) {
-      if (shown && (n - i) % 10 == 0) printf("Ludec countdown:%5d\r", n - i);
-      float *ri = a[i];
-      for (int k = 1; k < i; k++) {
-        float *rk = a[k];
-        if (fabsf(ri[k]) * TINY_PIVOT >= fabsf(rk[k])) rk[k] = TINY_PIVOT;
-        float m = ri[k] / rk[k];
-        if (fabsf(m) <= 1.0f)
-          eliminate_row(ri, rk, m, k, n);
-        else
-          exchange_rows(ri, rk, m, k, n);
-        ri[k] = m;
-      }
-    }
-    if (shown) printf("\n");
+    eliminate_plain(a, n, shown);
   }
 
   // LINPACK-style estimate: solve A^T y = e with the signs of e chosen so

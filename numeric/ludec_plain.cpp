@@ -42,17 +42,7 @@ ROW_LOOP void exchange_rows(float *__restrict ri, float *__restrict rk, float m,
 
 }  // namespace
 
-// a[1..n][1..n]: on input the matrix, on output its factors.  *cond: the
-// estimated condition number (at least 1; 1e38 when out of reach; 0 when no
-// work vector could be had).  Prints the countdown like ludec.
-void ludec_plain(float **a, int n, float *cond) {
-  if (n < 1) {
-    *cond = 1.0f;
-    return;
-  }
-  float anorm = mnorm1(a, n);
-  bool shown = n > 25 && verbose;
-
+void eliminate_plain(float **a, int n, bool shown) {
   for (int i = 2; i <= n; i++) {
     if (shown && (n - i) % 10 == 0) printf("Ludec countdown:%5d\r", n - i);
     float *ri = a[i];
@@ -68,6 +58,20 @@ void ludec_plain(float **a, int n, float *cond) {
     }
   }
   if (shown) printf("\n");
+}
+
+// a[1..n][1..n]: on input the matrix, on output its factors.  *cond: the
+// estimated condition number (at least 1; 1e38 when out of reach; 0 when no
+// work vector could be had).  Prints the countdown like ludec.
+void ludec_plain(float **a, int n, float *cond) {
+  if (n < 1) {
+    *cond = 1.0f;
+    return;
+  }
+  float anorm = mnorm1(a, n);
+  bool shown = n > 25 && verbose;
+
+  eliminate_plain(a, n, shown);
 
   float *y = vector(1, n);
   if (!y) {

@@ -6,6 +6,11 @@
 // _plain suffix in numeric/ludec.h.
 #pragma once
 
+// The elimination alone, one row after the other, with the countdown when
+// `shown`: a[1..n][1..n] on input the matrix, on output the factors.  Also
+// the fall-back of the blocked factorisation when it has no work space.
+void eliminate_plain(float **a, int n, bool shown);
+
 // a[1..n][1..n]: on input the matrix, on output the factors (U on and above
 // the diagonal, multipliers below).  *cond: the condition estimate.
 void ludec_plain(float **a, int n, float *cond);
