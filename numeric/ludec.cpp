@@ -44,7 +44,6 @@
 namespace {
 
 // Below this a pivot counts as zero next to the element it must eliminate.
-constexpr float TINY_PIVOT = 1e-19f;
 // Reported when the estimate itself is out of reach.
 constexpr float HOPELESS_COND = 1e38f;
 
