@@ -43,7 +43,6 @@
 
 namespace {
 
-// Below this a pivot counts as zero next to the element it must eliminate.
 // Reported when the estimate itself is out of reach.
 constexpr float HOPELESS_COND = 1e38f;
 
