@@ -45,6 +45,34 @@ double row_sum(const float *row, int c0, int n) {
   return s;
 }
 
+// Own-vertex entry of a diagonal-block row, from the cone spanned by the ring
+// of neighbours (apex at the vertex x, base a circle of the ring's mean
+// radius), then whatever the discretisation lost goes to the neighbours so
+// that the row totals 2 pi of solid angle (1 in units of 2 pi).  centre is
+// the sum of the neighbour positions (each counted twice), mark[v] flags the
+// nneighb neighbours among the nj vertices of g, whose columns start at cj.
+void own_vertex_entry(float *row, int r, int cj, const Interface &g, int nj, const int *mark,
+                      const double centre[3], int nneighb, const double x[3]) {
+  double m[3];
+  for (int c = 0; c < 3; c++) m[c] = centre[c] / (2.0 * nneighb);
+  double spread = 0.0;
+  for (int v = 0; v < nj; v++)
+    if (mark[v])
+      for (int c = 0; c < 3; c++) {
+        const double dv = g.pnt[v][c] - m[c];
+        spread += dv * dv;
+      }
+  const double rad = std::sqrt(spread / nneighb);
+  double h2 = 0.0;
+  for (int c = 0; c < 3; c++) h2 += (x[c] - m[c]) * (x[c] - m[c]);
+  const double q = rad / std::sqrt(rad * rad + h2);
+  const double theta = 2.0 * std::acos(q);
+  row[r] = (float)(theta <= 0.0001 ? theta / 4.0 : 2.0 * (1.0 - q) / theta);
+  const double extra = (1.0 - row_sum(row, cj, nj)) / nneighb;
+  for (int v = 0; v < nj; v++)
+    if (mark[v]) row[cj + v] = (float)(row[cj + v] + extra);
+}
+
 }  // namespace
 
 // i: index into geo (i <= 0 gives 1).
@@ -142,28 +170,7 @@ void b_submatrix_reference(int i, int j) {
           snprintf(errmsg, ERRMSG_SIZE, "vertex %d of %s belongs to no triangle", k + 1, gi.name);
           fatal();
         }
-        // Own-vertex term from the cone spanned by the ring of neighbours:
-        // its apex is the vertex, its base a circle of the ring's mean radius.
-        double m[3];
-        for (int c = 0; c < 3; c++) m[c] = centre[c] / (2.0 * nneighb);  // each neighbour counted twice
-        double spread = 0.0;
-        for (int v = 0; v < nj; v++)
-          if (mark[v])
-            for (int c = 0; c < 3; c++) {
-              const double dv = gj.pnt[v][c] - m[c];
-              spread += dv * dv;
-            }
-        const double rad = std::sqrt(spread / nneighb);
-        double h2 = 0.0;
-        for (int c = 0; c < 3; c++) h2 += (x[c] - m[c]) * (x[c] - m[c]);
-        const double q = rad / std::sqrt(rad * rad + h2);
-        const double theta = 2.0 * std::acos(q);
-        row[r] = (float)(theta <= 0.0001 ? theta / 4.0 : 2.0 * (1.0 - q) / theta);
-        // Whatever the discretisation lost goes to the neighbours, so that
-        // the row totals 2 pi of solid angle (1 in units of 2 pi).
-        const double extra = (1.0 - row_sum(row, cj, nj)) / nneighb;
-        for (int v = 0; v < nj; v++)
-          if (mark[v]) row[cj + v] = (float)(row[cj + v] + extra);
+        own_vertex_entry(row, r, cj, gj, nj, mark, centre, nneighb, x);
         geocon[i][i] = 1;
         state = 1;
         continue;
@@ -315,25 +322,7 @@ void make_row(const Block &bk, int k, RowScratch &s, RowResult &res) {
     res.kind = ROW_NO_TRIANGLE;
     return;
   }
-  // Own-vertex term, as in the plain version.
-  double m[3];
-  for (int c = 0; c < 3; c++) m[c] = centre[c] / (2.0 * nneighb);
-  double spread = 0.0;
-  for (int v = 0; v < nj; v++)
-    if (s.mark[v])
-      for (int c = 0; c < 3; c++) {
-        const double dv = gj.pnt[v][c] - m[c];
-        spread += dv * dv;
-      }
-  const double rad = std::sqrt(spread / nneighb);
-  double h2 = 0.0;
-  for (int c = 0; c < 3; c++) h2 += (x[c] - m[c]) * (x[c] - m[c]);
-  const double q = rad / std::sqrt(rad * rad + h2);
-  const double theta = 2.0 * std::acos(q);
-  row[r] = (float)(theta <= 0.0001 ? theta / 4.0 : 2.0 * (1.0 - q) / theta);
-  const double extra = (1.0 - row_sum(row, cj, nj)) / nneighb;
-  for (int v = 0; v < nj; v++)
-    if (s.mark[v]) row[cj + v] = (float)(row[cj + v] + extra);
+  own_vertex_entry(row, r, cj, gj, nj, s.mark, centre, nneighb, x);
 }
 
 // Rows of one block made by a pool of threads and handed to the caller in
