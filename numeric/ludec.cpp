@@ -330,7 +330,7 @@ void solveu(float **a, int n, float *b) {
   for (int i = n; i >= 1; i--) {
     const float *ri = a[i];
     float s = b[i];
-    for (int j = i + 1; j <= n; j++) s = fmaf(-ri[j], b[j], s);
+    for (int j = n; j > i; j--) s = fmaf(-ri[j], b[j], s);
     b[i] = s / ri[i];
   }
 }

@@ -120,7 +120,7 @@ void solvel_plain(float **a, int n, float *b) {
 void solveu_plain(float **a, int n, float *b) {
   for (int i = n; i >= 1; i--) {
     float s = b[i];
-    for (int j = i + 1; j <= n; j++) s = fmaf(-a[i][j], b[j], s);
+    for (int j = n; j > i; j--) s = fmaf(-a[i][j], b[j], s);
     b[i] = s / a[i][i];
   }
 }
