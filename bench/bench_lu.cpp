@@ -185,6 +185,39 @@ void BM_SolveOneByOne(benchmark::State &st) {
   set_gflops(st, 2.0 * n * (double)n * nrhs, cpu);
 }
 
+// The whole inversion as the program does it for its electrode matrix:
+// every column of the identity solved, `block` at a time, on the factors of
+// a boundary-element-shaped matrix.  Compare its time with BM_Ludec of the
+// same n, threads and kind 1.  GFLOP/s counts the 2 n^3 of n full solves.
+// args: n, threads, block
+void BM_Invert(benchmark::State &st) {
+  const int n = (int)st.range(0), block = (int)st.range(2);
+  set_verbose(0);
+  set_lu_threads((int)st.range(1));
+  Matrix a(n);
+  fill(a, 1);
+  float cond;
+  ludec(a.a, n, &cond);
+  float **x = matrix(1, block, 1, n);
+  CpuClock cpu;
+  for (auto _ : st) {
+    cpu.resume();
+    for (int c0 = 1; c0 <= n; c0 += block) {
+      const int count = n - c0 + 1 < block ? n - c0 + 1 : block;
+      for (int r = 1; r <= count; r++) {
+        memset(&x[r][1], 0, n * sizeof(float));
+        x[r][c0 + r - 1] = 1.0f;
+      }
+      solvelu_many(a.a, n, x, count);
+    }
+    cpu.pause();
+    benchmark::ClobberMemory();
+  }
+  set_gflops(st, 2.0 * n * (double)n * n, cpu);
+  free_matrix(x, 1, block, 1, n);
+  set_lu_threads(0);
+}
+
 #ifdef BRELIX_BENCH_OPENBLAS
 // args: n, threads, kind.  Column-major copy of the same matrix.
 void BM_Sgetrf(benchmark::State &st) {
@@ -244,6 +277,15 @@ void register_all(bool big) {
         benchmark::RegisterBenchmark("BM_SolveMany", BM_SolveMany)
             ->Args({2000, nrhs, threads, unit})
             ->ArgNames({"n", "nrhs", "threads", "unit"})
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+  for (int n : sizes)
+    if (n >= 2000)
+      for (int threads : {1, 2})
+        benchmark::RegisterBenchmark("BM_Invert", BM_Invert)
+            ->Args({n, threads, 1024})
+            ->ArgNames({"n", "threads", "block"})
+            ->Iterations(1)
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
   benchmark::RegisterBenchmark("BM_SolveOneByOne", BM_SolveOneByOne)

@@ -12,7 +12,7 @@ namespace {
 // Columns are solved this many at a time: the solves of a block share each
 // pass over the factors, and every column still comes out bit for bit as a
 // solve of its own.
-constexpr int INVERT_BLOCK = 128;
+constexpr int INVERT_BLOCK = 1024;
 
 }  // namespace
 

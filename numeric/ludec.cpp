@@ -52,6 +52,8 @@ constexpr int PANEL = 128;
 // Panels are split in halves down to this width, where the decisions are
 // taken (factor_base_columns, which takes at most 16 columns).
 constexpr int BASE_WIDTH = 16;
+// Right-hand sides solved side by side in one block of solvelu_many.
+constexpr int MANY_BLOCK = 512;
 // Right-hand sides below which solvelu_many simply loops.
 constexpr int MANY_MIN_RHS = 4;
 
@@ -362,18 +364,53 @@ int first_nan_row(float **a, int limit) {
   return limit;
 }
 
+// For every column k of the multipliers, the last row i holding one that
+// is not plain (!(|m| <= 1): an exchange in the solves, or NaN), 0 if none.
+std::vector<int> last_unplain_rows(float **a, int n) {
+  std::vector<int> last(n + 1, 0);
+  int *lk = last.data();
+  for (int i = 2; i <= n; i++) {
+    const float *ai = a[i];
+    for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
+  }
+  return last;
+}
+
+// Whether any of x[r0 .. r0+width-1][from .. n] is -0.0.
+bool has_negative_zero(float **x, int r0, int width, int from, int n) {
+  for (int r = r0; r < r0 + width; r++)
+    for (int i = from; i <= n; i++)
+      if (x[r][i] == 0.0f && std::signbit(x[r][i])) return true;
+  return false;
+}
+
+// The first pivot whose steps can change a block of right-hand sides that
+// all start with z-1 entries of +0.0 (rows below z being left out already).
+// A pivot k < z keeps its +0.0 through every step (i, k) until a step
+// exchanges, since its partners i < z hold +0.0 too; while it is +0.0 a plain
+// step fmaf(-m, +0.0, x) returns x (for finite m, and x not -0.0).  So pivots
+// below z matter only from the first one with an exchange (or a NaN) in a row
+// i >= z, or all of them when such an x is -0.0.
+int first_active_pivot(const std::vector<int> &last_unplain, int z, bool negative_zero) {
+  if (negative_zero) return 1;
+  for (int k = 1; k < z; k++)
+    if (last_unplain[k] >= z) return k;
+  return z;
+}
+
 // Solve the right-hand sides x[r0 .. r0+width-1] side by side: transposed
 // into s (row i holds entry i of each, ld floats apart), the forward steps
 // replayed panel by panel, back substitution, transposed back.  Rows of the
-// forward part below `skip` are left out (their steps only meet +0.0).
-void solve_block(float **a, int n, float **x, int r0, int width, int ld, int skip, float *const *s,
-                 float *work) {
+// forward part below `skip` are left out (their steps only meet +0.0), and
+// so are the steps of pivots below `kstart` (see first_active_pivot).
+void solve_block(float **a, int n, float **x, int r0, int width, int ld, int skip, int kstart,
+                 float *const *s, float *work) {
   for (int i = 1; i <= n; i++) {
     float *si = s[i];
     for (int l = 0; l < width; l++) si[l] = x[r0 + l][i];
     for (int l = width; l < ld; l++) si[l] = 0.0f;
   }
-  for (int k0 = 1; k0 <= n - 1; k0 += PANEL) {
+  for (int k0 = kstart; k0 <= n - 1; k0 += PANEL) {
     const int k1 = k0 + PANEL - 1 < n - 1 ? k0 + PANEL - 1 : n - 1;
     const int ilo = skip > k0 + 1 ? skip : k0 + 1;
     if (ilo > n) continue;
@@ -407,11 +444,9 @@ void solvelu_many(float **a, int n, float **x, int nrhs) {
   }
   const int lanes = replay_lanes();
   const int threads = lu_threads();
-  // Blocks of two tiles, or one when two would no longer leave the block's
-  // transposed copy in the core's own cache: the back substitution sweeps
-  // all of it once per row.
-  int block = 2 * replay_tile_cols();
-  if ((size_t)n * block * sizeof(float) > (size_t)1536 * 1024) block /= 2;
+  // Wide blocks: the factors come from memory once per block and serve
+  // every right-hand side in it.
+  int block = MANY_BLOCK;
   // Enough blocks to keep every thread busy.
   const int per_thread = (nrhs + threads - 1) / threads;
   if (block > per_thread) block = (per_thread + lanes - 1) / lanes * lanes;
@@ -433,6 +468,15 @@ void solvelu_many(float **a, int n, float **x, int nrhs) {
   const int nan_row = deepest > 2 ? first_nan_row(a, deepest) : deepest;
   for (int &z : skip)
     if (z > nan_row) z = nan_row;
+  std::vector<int> kstart(nblocks, 1);
+  if (deepest > 2) {
+    const std::vector<int> last_unplain = last_unplain_rows(a, n);
+    for (int b = 0; b < nblocks; b++) {
+      const int r0 = 1 + b * block;
+      const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
+      kstart[b] = first_active_pivot(last_unplain, skip[b], has_negative_zero(x, r0, width, skip[b], n));
+    }
+  }
 
   auto job = [&](int t) {
     const int b0 = (int)((long long)nblocks * t / count), b1 = (int)((long long)nblocks * (t + 1) / count);
@@ -447,7 +491,7 @@ void solvelu_many(float **a, int n, float **x, int nrhs) {
     for (int b = b0; b < b1; b++) {
       const int r0 = 1 + b * block;
       const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
-      solve_block(a, n, x, r0, width, ld, skip[b], rows.data(), work.p);
+      solve_block(a, n, x, r0, width, ld, skip[b], kstart[b], rows.data(), work.p);
     }
   };
   if (count == 1)

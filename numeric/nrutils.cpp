@@ -5,6 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 char errmsg[ERRMSG_SIZE];
 char progname[80] = "forwinv";
 
@@ -23,6 +27,28 @@ void *zero_block(long long n, size_t size) {
   void *p = calloc(n > 0 ? (size_t)n : 1, size);
   if (!p) out_of_memory_message();
   return p;
+}
+
+// Element blocks of a matrix at least this large go on huge pages where the
+// system offers them: the factorisation and the solves walk such a matrix
+// down its columns, a row (a page or more) apart at every step, and with
+// small pages nearly every step would miss the address-translation cache.
+constexpr size_t HUGE_BLOCK_BYTES = (size_t)8 << 20;
+constexpr size_t HUGE_PAGE_BYTES = (size_t)2 << 20;
+
+void *matrix_block(long long n, size_t size) {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+  if (n > 0 && (size_t)n >= HUGE_BLOCK_BYTES / size) {
+    const size_t bytes = ((size_t)n * size + HUGE_PAGE_BYTES - 1) / HUGE_PAGE_BYTES * HUGE_PAGE_BYTES;
+    void *p = aligned_alloc(HUGE_PAGE_BYTES, bytes);
+    if (p) {
+      madvise(p, bytes, MADV_HUGEPAGE);  // a hint: refused, it costs nothing
+      memset(p, 0, bytes);
+      return p;
+    }
+  }
+#endif
+  return zero_block(n, size);
 }
 
 template <typename T>
@@ -47,7 +73,7 @@ T **make_matrix(long rlo, long rhi, long clo, long chi) {
   }
   T **m = static_cast<T **>(zero_block(nr, sizeof(T *)));
   if (!m) return nullptr;
-  T *block = static_cast<T *>(zero_block(nr * nc, sizeof(T)));
+  T *block = static_cast<T *>(matrix_block(nr * nc, sizeof(T)));
   if (!block) {
     free(m);
     return nullptr;

@@ -418,6 +418,25 @@ TEST(LudecFast, NaNMultiplierAboveTheLeadingZerosIsNotSkipped) {
   for (int r = 1; r <= 16; r++) EXPECT_TRUE(std::isnan(x.x[r][n])) << "rhs " << r;
 }
 
+// Pivots above the leading zeros are passed over while their entries stay
+// +0.0; one exchange (or NaN) below the zeros in such a pivot's column brings
+// a value up into it, and from there on every step counts.
+TEST(LudecFast, ExchangeBelowTheLeadingZerosWakesItsPivot) {
+  Settings s;
+  const int n = 150;
+  for (float odd : {-3.0f, std::numeric_limits<float>::quiet_NaN()}) {
+    std::mt19937 rng(8);
+    FMat f(n);
+    fill_bem_like(f, rng);
+    float cond;
+    ludec_plain(f.a, n, &cond);
+    f.a[120][10] = odd;  // a stored multiplier far below the zeros
+    Rhs units(16, n);
+    for (int r = 1; r <= 16; r++) units.x[r][60 + r] = 1.0f;
+    check_many(f, units, "multiplier " + std::to_string(odd) + " in row 120, column 10");
+  }
+}
+
 // Only +0.0 may be skipped: a -0.0 entry turns into +0.0 at its first step
 // with a negative multiplier.  With unit lower triangular A (entries -1/2
 // below the diagonal) the factors are U = I and multipliers -1/2, so that
@@ -438,6 +457,14 @@ TEST(LudecFast, NegativeZeroIsNotALeadingZero) {
   check_many(f, x, "negative zeros");
   solvelu_many(f.a, n, x.x, x.nrhs);
   for (int r = 1; r <= 8; r++) EXPECT_FALSE(std::signbit(x.x[r][10 * r])) << "rhs " << r;
+  // A -0.0 that ends the leading zeros of units further down meets the +0.0
+  // pivots above it too.
+  Rhs late(8, n);
+  for (int r = 1; r <= 8; r++) {
+    late.x[r][80 + r] = 1.0f;
+    late.x[r][70] = -0.0f;
+  }
+  check_many(f, late, "-0.0 after units");
 }
 
 TEST(LudecFast, NoRowsOrNoColumnsIsHarmless) {
