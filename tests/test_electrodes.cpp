@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,46 +9,43 @@
 #include "forwinv/electrodes.h"
 #include "forwinv/forwinv.h"
 #include "tests/support/files.h"
+#include "tests/support/h1_model.h"
 #include "tests/support/process.h"
 #include "tools/icosphere.h"
 
 namespace {
 
-const char PROMPT[] = "\nElectrode file: ";
+const std::string PROMPT = "\nElectrode file: ";
 
-// One electrode line of the probe's report.
-struct ElecLine {
-  int e = -1, index = 0;
-  float u = 0, v = 0;
-  std::string label_hex;
-  double value = 0;
-  bool has_value = false;
-};
-
+// The probe's report after the dialogue: electrodes 0..nel with their
+// potential for the vertex potentials phi[k] = k.
 struct Report {
-  std::string elname;
-  int nel = -1, elec_vertex = -1, surfelec = -1;
-  std::vector<ElecLine> el;  // el[0..nel]
+  int nel = -1, vertex = -1, surf = -1;
+  struct Line {
+    int index = 0;
+    float u = 0, v = 0;
+    std::string label = "";  // the 12 bytes in hex (expected: the text)
+    double value = 0;
+  };
+  std::vector<Line> el;
 };
 
 Report parse(const std::string &out) {
   Report r;
-  size_t at = out.find("\nelname=[");
+  const size_t at = out.find("] nel=");
   if (at == std::string::npos) return r;
   std::istringstream in(out.substr(at + 1));
   std::string line;
   std::getline(in, line);
-  size_t close = line.find("] nel=");
-  r.elname = line.substr(8, close - 8);
-  sscanf(line.c_str() + close, "] nel=%d elec_vertex=%d surfelec=%d", &r.nel, &r.elec_vertex, &r.surfelec);
+  sscanf(line.c_str(), " nel=%d elec_vertex=%d surfelec=%d", &r.nel, &r.vertex, &r.surf);
   while (std::getline(in, line)) {
-    ElecLine l;
-    char hex[64] = "";
-    int n = sscanf(line.c_str(), "%d: index=%d u=%g v=%g label=%24s elval=%lg", &l.e, &l.index, &l.u, &l.v, hex,
-                   &l.value);
-    if (n < 5) break;
-    l.label_hex = hex;
-    l.has_value = n == 6;
+    Report::Line l{};
+    char hex[32] = "";
+    int e;
+    if (sscanf(line.c_str(), "%d: index=%d u=%g v=%g label=%24s elval=%lg", &e, &l.index, &l.u, &l.v, hex,
+               &l.value) < 5)
+      break;
+    l.label = hex;
     r.el.push_back(l);
   }
   return r;
@@ -59,300 +54,173 @@ Report parse(const std::string &out) {
 std::string hex_label(const std::string &text) {
   std::string h;
   char buf[3];
-  for (int c = 0; c < 12; c++) {
-    snprintf(buf, sizeof buf, "%02x", c < (int)text.size() ? (unsigned char)text[c] : 0);
-    h += buf;
-  }
+  for (int c = 0; c < 12; c++) h += (snprintf(buf, 3, "%02x", c < (int)text.size() ? (unsigned char)text[c] : 0), buf);
   return h;
 }
 
-ProcResult run_probe(const TempDir &dir, const std::vector<std::string> &args, const std::string &input) {
+// Run the probe on a model of level-0 spheres (or the tetrahedron) with
+// el.txt holding `content` when it is given.
+ProcResult run_probe(const std::vector<std::string> &args, const std::string &input, const char *content = nullptr) {
+  TempDir dir;
+  if (content) write_file(dir.file("el.txt"), content);
   return run_process(probe("probe_elec"), args, input, dir.path(), 30);
 }
 
-// Value at a point of triangle t of a level-0 sphere for phi[k] = k.
+// Value at (u, v) of triangle t of a level-0 sphere for phi[k] = k.
 double sphere_triangle_value(int t, double u, double v) {
-  TriMesh m = icosphere(0, 1.0);
-  auto &tri = m.dhk[t];
+  const auto tri = icosphere(0, 1.0).dhk[t];
   return (1 - u - v) * (tri[0] + 1) + u * (tri[1] + 1) + v * (tri[2] + 1);
 }
 
 }  // namespace
 
-TEST(ElectrodeFile, VertexFormWhenSecondLineHasTwoNumbers) {
-  TempDir dir;
-  // The third line has three numbers, but the form follows the second line.
-  write_file(dir.file("el.txt"), "3\n1 5\n2 7 9\n3   12\n");
-  ProcResult p = run_probe(dir, {"0:1"}, "el.txt\n");
-  ASSERT_EQ(p.status, 0) << p.err;
-  EXPECT_EQ(p.out.rfind(PROMPT, 0), 0u);
-  EXPECT_EQ(p.out.find("All vertices"), std::string::npos);
-  Report r = parse(p.out);
-  EXPECT_EQ(r.elname, "el.txt");
-  EXPECT_EQ(r.nel, 3);
-  EXPECT_EQ(r.elec_vertex, 1);
-  EXPECT_EQ(r.surfelec, 1);
-  ASSERT_EQ(r.el.size(), 4u);
-  EXPECT_EQ(r.el[0].index, 0);
-  EXPECT_EQ(r.el[0].label_hex, hex_label(""));
-  const int want[] = {5, 7, 12};
-  for (int e = 1; e <= 3; e++) {
-    EXPECT_EQ(r.el[e].index, want[e - 1]);
-    EXPECT_DOUBLE_EQ(r.el[e].value, want[e - 1]);  // phi[k] = k
+TEST(Electrodes, FilesAndAnswersGiveTheElectrodeTable) {
+  const std::vector<std::string> two = {"0:2", "0:1"};
+  const struct Case {
+    const char *what;
+    std::vector<std::string> args;
+    const char *content;  // of el.txt, answered as the file name; null: `answer`
+    std::string answer, message;
+    int nel, vertex, surf;
+    std::vector<Report::Line> el;  // expected electrodes (none: vertex e for every e)
+  } cases[] = {
+      {"the form follows the second line", {"0:1"}, "3\n1 5\n2 7 9\n3   12\n", "", "", 3, 1, 1,
+       {{5}, {7}, {12}}},
+      {"last vertex of interface 0", two, "1\n1 12\n", "", "", 1, 1, 1, {{12}}},
+      {"vertex of interface 1", two, "2\n1 1\n2 13\n", "", "", 2, 1, 0, {{1}, {13}}},
+      {"triangles with labels", {"0:1"}, "4\n1 0.25 0.5 !Fz\n20 0 0\n5 0.1 0.2 !ABCDEFGHIJKL\n7 0.125 0.375\n", "",
+       "", 4, 0, 1, {{0, 0.25f, 0.5f, "Fz"}, {19, 0, 0, ""}, {4, 0.1f, 0.2f, "ABCDEFGHIJ"}, {6, 0.125f, 0.375f, ""}}},
+      // Local vertex numbers of interface 1's triangles are read in the first
+      // interface's range of phi.
+      {"triangles of interface 1", two, "2\n20 0 0\n21 0.5 0.25\n", "", "", 2, 0, 0, {{19}, {20, 0.5f, 0.25f}}},
+      {"last triangle", two, "1\n40 0.2 0.2\n", "", "", 1, 0, 0, {{39, 0.2f, 0.2f}}},
+      {"the count ends the list", {}, "2\n1 3\n2 4\ngarbage\n", "", "", 2, 1, 1, {{3}, {4}}},
+      {"no final newline", {}, "2\n1 3\n2 4", "", "", 2, 1, 1, {{3}, {4}}},
+      {"empty answer", two, nullptr, "", "All vertices of first interface are electrodes\n", 12, 1, 1, {}},
+      {"star", two, nullptr, "*", "All vertices of all interfaces are electrodes\n", 24, 1, 0, {}},
+      {"star, one interface", {}, nullptr, "*", "All vertices of all interfaces are electrodes\n", 4, 1, 1, {}},
+      {"first interface inside another", {"0:1", "0:2", "--geocon"}, nullptr, "",
+       "All vertices of first interface are electrodes\n", 12, 1, 0, {}},
+      {"first interface isolated", {"0:1", "0:2", "--iso0"}, nullptr, "",
+       "All vertices of first interface are electrodes\n", 12, 1, 0, {}},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string name = c.content ? "el.txt" : c.answer;
+    ProcResult p = run_probe(c.args, name + "\n", c.content);
+    ASSERT_EQ(p.status, 0) << p.err;
+    EXPECT_EQ(p.err, "");
+    EXPECT_EQ(p.out.rfind(PROMPT + c.message + "\nelname=[" + name + "] nel=", 0), 0u) << p.out;
+    Report r = parse(p.out);
+    EXPECT_EQ(r.nel, c.nel);
+    EXPECT_EQ(r.vertex, c.vertex);
+    EXPECT_EQ(r.surf, c.surf);
+    ASSERT_EQ(r.el.size(), (size_t)c.nel + 1);
+    EXPECT_EQ(r.el[0].index, 0);
+    EXPECT_EQ(r.el[0].label, hex_label(""));
+    for (int e = 1; e <= c.nel; e++) {
+      const Report::Line want = c.el.empty() ? Report::Line{e} : c.el[e - 1];
+      EXPECT_EQ(r.el[e].index, want.index) << e;
+      EXPECT_FLOAT_EQ(r.el[e].u, want.u) << e;
+      EXPECT_FLOAT_EQ(r.el[e].v, want.v) << e;
+      EXPECT_EQ(r.el[e].label, hex_label(want.label)) << e;
+      if (c.vertex)
+        EXPECT_EQ(r.el[e].value, want.index) << e;
+      else
+        EXPECT_NEAR(r.el[e].value, sphere_triangle_value(want.index % 20, want.u, want.v), 1e-4) << e;
+    }
   }
 }
 
-TEST(ElectrodeFile, VertexElectrodesBeyondTheFirstInterfaceClearSurfelec) {
-  TempDir dir;
-  // Two interfaces of 12 vertices: vertex 12 is the last of interface 0.
-  write_file(dir.file("last0.txt"), "1\n1 12\n");
-  write_file(dir.file("first1.txt"), "2\n1 1\n2 13\n");
-  Report r = parse(run_probe(dir, {"0:2", "0:1"}, "last0.txt\n").out);
-  EXPECT_EQ(r.nel, 1);
-  EXPECT_EQ(r.surfelec, 1);
-  r = parse(run_probe(dir, {"0:2", "0:1"}, "first1.txt\n").out);
-  EXPECT_EQ(r.nel, 2);
-  EXPECT_EQ(r.surfelec, 0);
-  ASSERT_EQ(r.el.size(), 3u);
-  EXPECT_DOUBLE_EQ(r.el[2].value, 13);
-}
-
-TEST(ElectrodeFile, TriangleFormWithLabels) {
-  TempDir dir;
-  write_file(dir.file("tri.txt"),
-             "4\n"
-             "1 0.25 0.5 !Fz\n"
-             "20 0 0\n"
-             "5 0.1 0.2 !ABCDEFGHIJKL\n"
-             "7 0.125 0.375\n");
-  ProcResult p = run_probe(dir, {"0:1"}, "tri.txt\n");
-  ASSERT_EQ(p.status, 0) << p.err;
-  Report r = parse(p.out);
-  EXPECT_EQ(r.nel, 4);
-  EXPECT_EQ(r.elec_vertex, 0);
-  EXPECT_EQ(r.surfelec, 1);  // all on interface 0 (20 triangles)
-  ASSERT_EQ(r.el.size(), 5u);
-  struct {
-    int index;
-    float u, v;
-    const char *label;
-  } want[] = {{0, 0.25f, 0.5f, "Fz"}, {19, 0, 0, ""}, {4, 0.1f, 0.2f, "ABCDEFGHIJ"}, {6, 0.125f, 0.375f, ""}};
-  for (int e = 1; e <= 4; e++) {
-    SCOPED_TRACE(e);
-    EXPECT_EQ(r.el[e].index, want[e - 1].index);
-    EXPECT_FLOAT_EQ(r.el[e].u, want[e - 1].u);
-    EXPECT_FLOAT_EQ(r.el[e].v, want[e - 1].v);
-    EXPECT_EQ(r.el[e].label_hex, hex_label(want[e - 1].label));
-    EXPECT_NEAR(r.el[e].value, sphere_triangle_value(want[e - 1].index, want[e - 1].u, want[e - 1].v), 1e-4);
+TEST(Electrodes, ElectrodesOutsideTheModelAreFatal) {
+  const struct {
+    std::vector<std::string> args;
+    const char *content, *message;
+  } cases[] = {
+      {{"0:2", "0:1"}, "2\n1 0.2 0.2\n41 0.2 0.2\n", "Fatal error in probe_elec: Electrode file refers to non-existent triangles"},
+      {{"0:1"}, "2\n1 1\n2 0\n", "Fatal error in probe_elec: Electrode file refers to non-existent vertices"},
+      {{"0:1"}, "2\n1 1\n2 13\n", "Fatal error in probe_elec: Electrode file refers to non-existent vertices"},
+      {{"0:1"}, "2\n1 1\n2 -4\n", "Fatal error in probe_elec: Electrode file refers to non-existent vertices"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.content);
+    ProcResult p = run_probe(c.args, "el.txt\n", c.content);
+    EXPECT_EQ(p.status, 1);
+    EXPECT_NE(p.err.find(c.message), std::string::npos) << p.err;
+    EXPECT_EQ(p.out.find("elname="), std::string::npos);
   }
-}
-
-TEST(ElectrodeFile, TriangleOnAnInnerInterfaceClearsSurfelecAndReadsFirstInterfaceValues) {
-  TempDir dir;
-  // Triangle 21 is the first triangle of interface 1 (20 + 20 triangles).
-  write_file(dir.file("t.txt"), "2\n20 0 0\n21 0.5 0.25\n");
-  ProcResult p = run_probe(dir, {"0:2", "0:1"}, "t.txt\n");
-  ASSERT_EQ(p.status, 0) << p.err;
-  Report r = parse(p.out);
-  EXPECT_EQ(r.surfelec, 0);
-  ASSERT_EQ(r.el.size(), 3u);
-  EXPECT_EQ(r.el[2].index, 20);
-  // Local vertex numbers of interface 1's triangle 0, taken in the first
-  // interface's range of phi: the same value as triangle 0 of interface 0.
-  EXPECT_NEAR(r.el[2].value, sphere_triangle_value(0, 0.5, 0.25), 1e-4);
-
-  // The last triangle of the model is accepted, one more is fatal.
-  write_file(dir.file("last.txt"), "1\n40 0.2 0.2\n");
-  p = run_probe(dir, {"0:2", "0:1"}, "last.txt\n");
-  EXPECT_EQ(p.status, 0) << p.err;
-  EXPECT_EQ(parse(p.out).el.at(1).index, 39);
-  write_file(dir.file("over.txt"), "2\n1 0.2 0.2\n41 0.2 0.2\n");
-  p = run_probe(dir, {"0:2", "0:1"}, "over.txt\n");
-  EXPECT_EQ(p.status, 1);
-  EXPECT_NE(p.err.find("Fatal error in probe_elec: Electrode file refers to non-existent triangles"),
-            std::string::npos)
-      << p.err;
-}
-
-TEST(ElectrodeFile, TriangleZeroIsStoredAsMinusOneButHasNoValue) {
-  TempDir dir;
-  write_file(dir.file("zero.txt"), "1\n0 0.3 0.3 !Cz\n");
-  ProcResult p = run_probe(dir, {"0:1"}, "zero.txt\n");
-  // Accepted by the reader; asking for its potential is fatal.
+  // Triangle number 0 is accepted and stored as -1, but has no potential.
+  ProcResult p = run_probe({"0:1"}, "el.txt\n", "1\n0 0.3 0.3 !Cz\n");
   EXPECT_NE(p.out.find("1: index=-1 u=0.3 v=0.3 label=" + hex_label("Cz")), std::string::npos) << p.out;
   EXPECT_EQ(p.status, 1);
   EXPECT_NE(p.err.find("Electrode at non-existing triangle in elval."), std::string::npos) << p.err;
 }
 
-TEST(ElectrodeFile, VertexNumbersOutsideTheModelAreFatal) {
-  TempDir dir;
-  for (const char *bad : {"0", "13", "-4"}) {
-    SCOPED_TRACE(bad);
-    write_file(dir.file("v.txt"), std::string("2\n1 1\n2 ") + bad + "\n");
-    ProcResult p = run_probe(dir, {"0:1"}, "v.txt\n");
-    EXPECT_EQ(p.status, 1);
-    EXPECT_NE(p.err.find("Fatal error in probe_elec: Electrode file refers to non-existent vertices"),
-              std::string::npos)
-        << p.err;
-    EXPECT_EQ(p.out.find("elname="), std::string::npos);
-  }
-}
-
-TEST(ElectrodeDialogue, EmptyAnswerAndStarTakeVertices) {
-  TempDir dir;
-  ProcResult p = run_probe(dir, {"0:2", "0:1"}, "\n");
-  ASSERT_EQ(p.status, 0) << p.err;
-  EXPECT_EQ(p.out.rfind(std::string(PROMPT) + "All vertices of first interface are electrodes\n", 0), 0u) << p.out;
-  Report r = parse(p.out);
-  EXPECT_EQ(r.elname, "");
-  EXPECT_EQ(r.nel, 12);
-  EXPECT_EQ(r.elec_vertex, 1);
-  EXPECT_EQ(r.surfelec, 1);
-  ASSERT_EQ(r.el.size(), 13u);
-  for (int e = 1; e <= 12; e++) EXPECT_EQ(r.el[e].index, e);
-
-  p = run_probe(dir, {"0:2", "0:1"}, "*\n");
-  ASSERT_EQ(p.status, 0) << p.err;
-  EXPECT_EQ(p.out.rfind(std::string(PROMPT) + "All vertices of all interfaces are electrodes\n", 0), 0u) << p.out;
-  r = parse(p.out);
-  EXPECT_EQ(r.elname, "*");
-  EXPECT_EQ(r.nel, 24);
-  EXPECT_EQ(r.surfelec, 0);
-  ASSERT_EQ(r.el.size(), 25u);
-  EXPECT_EQ(r.el[24].index, 24);
-  EXPECT_DOUBLE_EQ(r.el[24].value, 24);
-
-  // A single interface: "*" is all of interface 0, which keeps surfelec.
-  r = parse(run_probe(dir, {}, "*\n").out);
-  EXPECT_EQ(r.nel, 4);
-  EXPECT_EQ(r.surfelec, 1);
-}
-
-TEST(ElectrodeDialogue, FirstInterfaceNotOutermostOrIsolatedClearsSurfelec) {
-  TempDir dir;
-  EXPECT_EQ(parse(run_probe(dir, {"0:1", "0:2", "--geocon"}, "\n").out).surfelec, 0);
-  EXPECT_EQ(parse(run_probe(dir, {"0:1", "0:2", "--iso0"}, "\n").out).surfelec, 0);
-  EXPECT_EQ(parse(run_probe(dir, {"0:2", "0:1"}, "\n").out).surfelec, 1);
-}
-
-TEST(ElectrodeDialogue, MissingFileIsAskedAgainWithAMessage) {
-  TempDir dir;
-  write_file(dir.file("ok.txt"), "1\n1 2\n");
-  ProcResult p = run_probe(dir, {}, "nofile.txt\nok.txt\n");
-  ASSERT_EQ(p.status, 0) << p.err;
-  std::string want = std::string(PROMPT) + "\n Error opening nofile.txt; please try another filename.\n\n\a" + PROMPT +
-                     "\nelname=[ok.txt] nel=1 ";
-  EXPECT_EQ(p.out.rfind(want, 0), 0u) << p.out;
-  EXPECT_EQ(p.err, "");
-}
-
-TEST(ElectrodeDialogue, UnusableFilesAreAskedAgainSilently) {
-  TempDir dir;
+TEST(Electrodes, UnusableAnswersAreAskedAgain) {
   const char *bad[] = {
-      "hello\n",                           // no count
-      "",                                  // empty file
-      "0\n1 1\n",                          // no electrodes
-      "-3\n1 1\n",                         // negative count
-      "3\n1 1\n2 2\n",                     // a line short (too small to hold it)
-      "3\n1 1\n2 2\n          \n",         // a blank third line
-      "2\n1 1          \n",                 // end of file instead of line 2
-      "2000000000\n1 1\n2 2\n",            // far more than the file holds
-      "2\n1 1\nx y\n",                     // unparsable vertex line
-      "2\n1 0.2 0.2\n2 0.1\n",             // triangle form, line with two numbers
-      "1\n",                               // count without lines
+      "hello\n",                    // no count
+      "",                           // empty file
+      "0\n1 1\n",                   // no electrodes
+      "-3\n1 1\n",                  // negative count
+      "3\n1 1\n2 2\n",              // a line short (too small to hold it)
+      "3\n1 1\n2 2\n          \n",  // a blank third line
+      "2\n1 1          \n",         // end of file instead of line 2
+      "2000000000\n1 1\n2 2\n",     // far more than the file holds
+      "2\n1 1\nx y\n",              // unparsable vertex line
+      "2\n1 0.2 0.2\n2 0.1\n",      // triangle form, line with two numbers
+      "1\n",                        // count without lines
   };
   for (const char *content : bad) {
     SCOPED_TRACE(content);
-    write_file(dir.file("bad.txt"), content);
-    ProcResult p = run_probe(dir, {}, "bad.txt\n\n");
+    ProcResult p = run_probe({}, "el.txt\n\n", content);
     ASSERT_EQ(p.status, 0) << p.err;
-    EXPECT_EQ(p.out.rfind(std::string(PROMPT) + PROMPT + "All vertices of first interface are electrodes\n", 0), 0u)
-        << p.out;
+    EXPECT_EQ(p.out.rfind(PROMPT + PROMPT + "All vertices of first interface are electrodes\n", 0), 0u) << p.out;
     EXPECT_EQ(p.err, "");
     EXPECT_EQ(parse(p.out).nel, 4);
   }
-  // The count needs only as many lines as it says; trailing text is ignored.
-  write_file(dir.file("short.txt"), "2\n1 3\n2 4\ngarbage\n");
-  Report r = parse(run_probe(dir, {}, "short.txt\n").out);
-  EXPECT_EQ(r.nel, 2);
-  EXPECT_EQ(r.el.at(2).index, 4);
-  // The smallest file that holds its count: no final newline.
-  write_file(dir.file("tight.txt"), "2\n1 3\n2 4");
-  EXPECT_EQ(parse(run_probe(dir, {}, "tight.txt\n").out).nel, 2);
-}
-
-TEST(ElectrodeDialogue, EndOfInputEndsWithStatusOne) {
-  TempDir dir;
-  ProcResult p = run_probe(dir, {}, "");
+  ProcResult p = run_probe({}, "nofile.txt\nel.txt\n", "1\n1 2\n");
+  ASSERT_EQ(p.status, 0) << p.err;
+  EXPECT_EQ(p.out.rfind(PROMPT + "\n Error opening nofile.txt; please try another filename.\n\n\a" + PROMPT +
+                            "\nelname=[el.txt] nel=1 ",
+                        0),
+            0u)
+      << p.out;
+  EXPECT_EQ(p.err, "");
+  // End of input ends the run with status 1.
+  p = run_probe({}, "");
   EXPECT_EQ(p.status, 1);
   EXPECT_EQ(p.out, PROMPT);
-  p = run_probe(dir, {}, "missing.txt\n");
+  p = run_probe({}, "missing.txt\n");
   EXPECT_EQ(p.status, 1);
   EXPECT_EQ(p.out.find("elname="), std::string::npos);
 }
 
-// elval in-process on a hand-built model of two tetrahedra.
-class ElvalTest : public testing::Test {
- protected:
-  float pnt0[4][3] = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-  float pnt1[4][3] = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, 2}};
-  int32_t dhk0[4][3] = {{0, 1, 2}, {0, 3, 1}, {0, 2, 3}, {1, 3, 2}};
-  int32_t dhk1[3][3] = {{2, 1, 0}, {0, 3, 1}, {3, 2, 1}};
-  Electrode table[8] = {};
-  float phi_store[9] = {0, 10, 20, 30, 40, 50, 60, 70, 80};  // phi[1..8]
-
-  void SetUp() override {
-    ngeo = 2;
-    geo[0].npnt = 4;
-    geo[0].pnt = pnt0;
-    geo[0].ndhk = 4;
-    geo[0].dhk = dhk0;
-    geo[1].npnt = 4;
-    geo[1].pnt = pnt1;
-    geo[1].ndhk = 3;
-    geo[1].dhk = dhk1;
-    totpnt = 8;
-    totdhk = 7;
-    el = table;
-  }
-};
-
-TEST_F(ElvalTest, VertexElectrodesReadTheirVertex) {
-  elec_vertex = 1;
-  nel = 3;
-  table[1].index = 1;
-  table[2].index = 6;
-  table[3].index = 8;
-  EXPECT_EQ(elval(1, phi_store), 10);
-  EXPECT_EQ(elval(2, phi_store), 60);
-  EXPECT_EQ(elval(3, phi_store), 80);
-}
-
-TEST_F(ElvalTest, TriangleElectrodesInterpolateLinearly) {
-  elec_vertex = 0;
+TEST(Elval, TriangleElectrodesInterpolateOverTheirOwnInterface) {
+  // Two tetrahedra of 4 and 3 triangles; phi[k] = 10 k.
+  TriMesh t0, t1;
+  t0.pnt = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  t0.dhk = {{0, 1, 2}, {0, 3, 1}, {0, 2, 3}, {1, 3, 2}};
+  t1.pnt = {{0, 0, 0}, {2, 0, 0}, {0, 2, 0}, {0, 0, 2}};
+  t1.dhk = {{2, 1, 0}, {0, 3, 1}, {3, 2, 1}};
+  h1::load_model({{"t0", t0}, {"t1", t1}});
+  Electrode table[5] = {{}, {3, 0.25f, 0.5f, {}}, {0, 0, 0, {}}, {4, 0.5f, 0.25f, {}}, {6, 1, 0, {}}};
+  const float phi[9] = {0, 10, 20, 30, 40, 50, 60, 70, 80};
+  el = table;
   nel = 4;
-  table[1] = {3, 0.25f, 0.5f, {}};   // interface 0, triangle {1,3,2}
-  table[2] = {0, 0, 0, {}};          // at vertex a of {0,1,2}
-  table[3] = {4, 0.5f, 0.25f, {}};   // interface 1, triangle {2,1,0}
-  table[4] = {6, 1, 0, {}};          // interface 1, triangle {3,2,1}, at vertex b
+  elec_vertex = 0;
   // (1-u-v) phi[a+1] + u phi[b+1] + v phi[c+1], with local numbers of the
   // triangle's own interface read in the first interface's range.
-  EXPECT_DOUBLE_EQ(elval(1, phi_store), 0.25 * 20 + 0.25 * 40 + 0.5 * 30);
-  EXPECT_DOUBLE_EQ(elval(2, phi_store), 10);
-  EXPECT_DOUBLE_EQ(elval(3, phi_store), 0.25 * 30 + 0.5 * 20 + 0.25 * 10);
-  EXPECT_DOUBLE_EQ(elval(4, phi_store), 30);
-}
-
-TEST_F(ElvalTest, TrianglesOutsideTheModelAreFatal) {
-  elec_vertex = 0;
-  nel = 1;
+  EXPECT_DOUBLE_EQ(elval(1, phi), 0.25 * 20 + 0.25 * 40 + 0.5 * 30);  // interface 0, {1,3,2}
+  EXPECT_DOUBLE_EQ(elval(2, phi), 10);                                // at vertex a of {0,1,2}
+  EXPECT_DOUBLE_EQ(elval(3, phi), 0.25 * 30 + 0.5 * 20 + 0.25 * 10);  // interface 1, {2,1,0}
+  EXPECT_DOUBLE_EQ(elval(4, phi), 30);                                // interface 1, {3,2,1} at b
+  // One past the last triangle, a negative number, and a local vertex
+  // number that would read past phi[totpnt].
   const char msg[] = "Fatal error in .*: Electrode at non-existing triangle in elval\\.";
-  table[1] = {7, 0.1f, 0.1f, {}};  // one past the last triangle
-  EXPECT_EXIT(elval(1, phi_store), testing::ExitedWithCode(1), msg);
-  table[1] = {-1, 0.1f, 0.1f, {}};
-  EXPECT_EXIT(elval(1, phi_store), testing::ExitedWithCode(1), msg);
-  // A local vertex number that would read past phi[totpnt].
-  dhk1[2][0] = 8;
-  table[1] = {6, 0.1f, 0.1f, {}};
-  EXPECT_EXIT(elval(1, phi_store), testing::ExitedWithCode(1), msg);
+  table[1].index = 7;
+  EXPECT_EXIT(elval(1, phi), testing::ExitedWithCode(1), msg);
+  table[1].index = -1;
+  EXPECT_EXIT(elval(1, phi), testing::ExitedWithCode(1), msg);
+  geo[1].dhk[2][0] = 8;
+  EXPECT_EXIT(elval(4, phi), testing::ExitedWithCode(1), msg);
 }
