@@ -13,138 +13,94 @@
 
 namespace {
 
-// Parse a command line given as words after the program name.
+// Parse a command line given as words after the program name, from the
+// defaults.
 int parse(std::vector<std::string> words) {
+  bound_func = bound_compart;
+  bound_crit = 0.707f;
+  solname[0] = '\0';
   std::vector<char *> argv = {const_cast<char *>("brelix")};
   for (auto &w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
   return parse_options((int)words.size() + 1, argv.data());
 }
 
-class CommandLine : public testing::Test {
- protected:
-  void SetUp() override {
-    bound_func = bound_compart;
-    bound_crit = 0.707f;
-    solname[0] = '\0';
-  }
-};
-
-std::string usage_text() {
-  testing::internal::CaptureStdout();
-  EXPECT_EXIT(print_help(), testing::ExitedWithCode(1), "");
-  return testing::internal::GetCapturedStdout();
-}
-
-TEST_F(CommandLine, DefaultsWithoutArguments) {
-  EXPECT_EQ(parse({}), MODE_COMPUTE);
-  EXPECT_EQ(bound_func, bound_compart);
-  EXPECT_EQ(bound_crit, 0.707f);
-}
-
-TEST_F(CommandLine, StoreModeTakesTheNextWordWhateverItIs) {
-  EXPECT_EQ(parse({"-i", "head.ama"}), MODE_STORE_AMA);
-  EXPECT_STREQ(solname, "head.ama");
-  EXPECT_EQ(parse({"-i", "-f"}), MODE_STORE_AMA);
-  EXPECT_STREQ(solname, "-f");
-  EXPECT_EQ(bound_func, bound_compart);
-  EXPECT_EQ(parse({"-Input", "x"}), MODE_STORE_AMA);  // only the second character counts
-}
-
-TEST_F(CommandLine, StoreModeAsksForTheNameWhenItIsLast) {
+// parse() reading `answers` on standard input.
+int parse_answering(const std::string &answers, std::vector<std::string> words) {
   TempDir dir;
-  write_file(dir.file("in"), "typed.ama\n");
-  ASSERT_NE(freopen(dir.file("in").c_str(), "r", stdin), nullptr);
+  write_file(dir.file("in"), answers);
+  if (!freopen(dir.file("in").c_str(), "r", stdin)) ADD_FAILURE() << "no standard input";
+  return parse(words);
+}
+
+TEST(CommandLine, AcceptedLines) {
+  using B = decltype(bound_func);
+  const struct {
+    std::vector<std::string> words;
+    int mode;
+    B bound;
+    float crit;
+    const char *solname;
+  } cases[] = {
+      {{}, MODE_COMPUTE, bound_compart, 0.707f, ""},
+      {{"-i", "head.ama"}, MODE_STORE_AMA, bound_compart, 0.707f, "head.ama"},
+      {{"-i", "-f"}, MODE_STORE_AMA, bound_compart, 0.707f, "-f"},  // the next word, whatever it is
+      {{"-Input", "x"}, MODE_STORE_AMA, bound_compart, 0.707f, "x"},  // only the second character counts
+      {{"-Free"}, MODE_COMPUTE, bound_null, 0.707f, ""},
+      {{"-d"}, MODE_COMPUTE, bound_dist, 0.707f, ""},
+      {{"-D", "30"}, MODE_COMPUTE, bound_dist, std::sqrt(0.7f), ""},
+      {{"-d", "0"}, MODE_COMPUTE, bound_dist, 1.0f, ""},
+      {{"-d", "100"}, MODE_COMPUTE, bound_dist, 0.0f, ""},
+      {{"-d30"}, MODE_COMPUTE, bound_dist, 0.707f, ""},  // an attached value is never read
+      {{"-d", "-i", "x"}, MODE_STORE_AMA, bound_dist, 0.707f, "x"},  // an option is not the value
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.words));
+    EXPECT_EQ(parse(c.words), c.mode);
+    EXPECT_EQ(bound_func, c.bound);
+    EXPECT_FLOAT_EQ(bound_crit, c.crit);
+    EXPECT_STREQ(solname, c.solname);
+  }
+}
+
+TEST(CommandLine, StoreModeAsksForTheNameWhenItIsLast) {
   testing::internal::CaptureStdout();
-  int mode = parse({"-f", "-i"});
+  const int mode = parse_answering("typed.ama\n", {"-f", "-i"});
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "File to save inverted A-matrix in: ");
   EXPECT_EQ(mode, MODE_STORE_AMA);
   EXPECT_STREQ(solname, "typed.ama");
   EXPECT_EQ(bound_func, bound_null);
+  // An empty answer quits; the end of input fails.
+  EXPECT_EXIT(parse_answering("\n", {"-i"}), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(parse_answering("", {"-i"}), testing::ExitedWithCode(1), "");
 }
 
-TEST_F(CommandLine, EmptyOrMissingNameAfterPromptEndsTheRun) {
-  TempDir dir;
-  write_file(dir.file("empty"), "\n");
-  write_file(dir.file("eof"), "");
-  EXPECT_EXIT(
-      {
-        freopen(dir.file("empty").c_str(), "r", stdin);
-        parse({"-i"});
-      },
-      testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(
-      {
-        freopen(dir.file("eof").c_str(), "r", stdin);
-        parse({"-i"});
-      },
-      testing::ExitedWithCode(1), "");
-}
-
-TEST_F(CommandLine, FreeAndDistanceBounds) {
-  parse({"-f"});
-  EXPECT_EQ(bound_func, bound_null);
-  SetUp();
-  parse({"-Free"});
-  EXPECT_EQ(bound_func, bound_null);
-  SetUp();
-  parse({"-d"});
-  EXPECT_EQ(bound_func, bound_dist);
-  EXPECT_EQ(bound_crit, 0.707f);
-  SetUp();
-  parse({"-D", "30"});
-  EXPECT_EQ(bound_func, bound_dist);
-  EXPECT_FLOAT_EQ(bound_crit, std::sqrt(0.7f));
-  SetUp();
-  parse({"-d", "0"});
-  EXPECT_EQ(bound_crit, 1.0f);
-  SetUp();
-  parse({"-d", "100"});
-  EXPECT_EQ(bound_crit, 0.0f);
-  SetUp();
-  parse({"-d30"});  // an attached value is never read
-  EXPECT_EQ(bound_func, bound_dist);
-  EXPECT_EQ(bound_crit, 0.707f);
-  SetUp();
-  parse({"-d", "-i", "x"});  // a following option is not the value
-  EXPECT_EQ(bound_func, bound_dist);
-  EXPECT_EQ(bound_crit, 0.707f);
-  EXPECT_STREQ(solname, "x");
-}
-
-TEST_F(CommandLine, UsageErrorsPrintTheUsageTextAndExitWithOne) {
-  const std::string usage = usage_text();
+TEST(CommandLine, UsageErrorsPrintTheUsageTextAndExitWithOne) {
+  testing::internal::CaptureStdout();
+  EXPECT_EXIT(print_help(), testing::ExitedWithCode(1), "");
+  const std::string usage = testing::internal::GetCapturedStdout();
   ASSERT_EQ(usage.substr(0, 54), "\nUsage:\nbrelix [-i] [ -f | -d [<value>] ] [filename]\n\n");
   ASSERT_EQ(usage.substr(usage.size() - 53), "is replaced by the optional value (in %) if given.\n\n\n");
   const std::vector<std::vector<std::string>> bad = {
-      {"-c"},         {"-x"},       {"-"},        {"-i", "a", "-i", "b"}, {"-f", "-d"}, {"-d", "-f"},
-      {"-f", "-f"},   {"-d", "-d"}, {"-F", "-f"}, {"-d", "150"},
+      {"-c"},       {"-x"},       {"-"},        {"-i", "a", "-i", "b"}, {"-f", "-d"},
+      {"-d", "-f"}, {"-f", "-f"}, {"-d", "-d"}, {"-F", "-f"},           {"-d", "150"},
+      {std::string(80, 'a')},  // too long a name for a stored matrix
   };
   for (const auto &words : bad) {
     testing::internal::CaptureStdout();
     EXPECT_EXIT(parse(words), testing::ExitedWithCode(1), "") << words[0];
     EXPECT_EQ(testing::internal::GetCapturedStdout(), usage) << words[0];
   }
-}
-
-TEST_F(CommandLine, AWordThatIsNoStoredMatrixIsAUsageError) {
-  // "-d" followed by a word that does not start with a digit leaves the word
-  // to be read as the name of a stored matrix; so does ".5".
+  // A word that is no stored matrix: "-d" followed by a word that does not
+  // start with a digit, or by ".5", leaves it to be read as one.
   for (auto words : std::vector<std::vector<std::string>>{{"missing.ama"}, {"-d", "missing.ama"}, {"-d", ".5"}}) {
     testing::internal::CaptureStdout();
     EXPECT_EXIT(parse(words), testing::ExitedWithCode(1), "");
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.substr(0, 9), "\nerror op") << out;
-    EXPECT_NE(out.find("\nUsage:\n"), std::string::npos);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nerror opening " + words.back() + "\n\n\a\a" + usage);
   }
-}
-
-TEST_F(CommandLine, OverlongFileNamesAreRefused) {
-  std::string name(80, 'a');
-  EXPECT_EXIT(parse({"-i", name}), testing::ExitedWithCode(1), "File name too long");
-  testing::internal::CaptureStdout();
-  EXPECT_EXIT(parse({name}), testing::ExitedWithCode(1), "");
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("\nUsage:\n"), std::string::npos);
+  const std::string name(80, 'a');
+  EXPECT_EXIT(parse({"-i", name}), testing::ExitedWithCode(1),
+              testing::Eq("\nFile name too long (at most 79 characters): " + name + "\n"));
 }
 
 }  // namespace

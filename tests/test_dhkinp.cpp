@@ -80,8 +80,8 @@ std::string padded(std::string s, size_t n) {
 
 TEST(TriangleFile, CorpusReadsBackExactlyInBothEncodings) {
   TempDir dir;
-  std::vector<TriMesh> corpus = {icosphere(0, 1.0),  // binary: 12 vertices start with a form feed and 0
-                                 icosphere(1, 0.0875, 0.01, -0.02, 0.03), icosphere(2, 92.5, -3, 4, 1e3),
+  // Binary: the 12 vertices of icosphere(0) start with a form feed and 0.
+  std::vector<TriMesh> corpus = {icosphere(0, 1.0),
                                  // awkward coordinates: tiny, huge, negative zero
                                  {{{0.1f, -2.5e-3f, 1e6f}, {-0.0f, 3.4028e38f, 1e-38f}, {7, 8, 9}, {-1.25f, 0.333333343f, -1e-7f}},
                                   {{0, 1, 2}, {0, 2, 3}, {0, 3, 1}, {1, 3, 2}}},
@@ -90,11 +90,11 @@ TEST(TriangleFile, CorpusReadsBackExactlyInBothEncodings) {
                                  {}};
   std::mt19937 rng(12345);
   std::uniform_real_distribution<double> u(-0.5, 0.5);
-  for (int i = 0; i < 300; i++) {
+  for (int i = 0; i < 200; i++) {
     double scale = std::pow(10.0, (int)(rng() % 13) - 6);
     corpus.back().pnt.push_back({(float)(u(rng) * scale), (float)(u(rng) * scale), (float)(u(rng) * scale)});
+    corpus.back().dhk.push_back({(int)(rng() % 200), (int)(rng() % 200), (int)(rng() % 200)});
   }
-  for (int i = 0; i < 200; i++) corpus.back().dhk.push_back({(int)(rng() % 300), (int)(rng() % 300), (int)(rng() % 300)});
   for (size_t k = 0; k < corpus.size(); k++)
     for (bool binary : {false, true}) {
       std::string path = dir.file("mesh" + std::to_string(k) + (binary ? ".bin" : ".txt"));
@@ -125,9 +125,7 @@ TEST(TriangleFile, AcceptedLayouts) {
        {{{0, 0, 0}, {0, 0, 0}, {1.5f, -2, 300}, {4.25f, 5, 6}, {-1, -2, -3}}, {}}},
       {TRI3 + "4\n1 1 2 3\n3 2 1\n12 2 3 1 99\n 1\t3  2 \n", {P3, T4}},
       {"3\r\n0 0 0\r\n1 0 0\r\n0 1 0\r\n4\r\n1 1 2 3\r\n3 2 1\r\n12 2 3 1 99\r\n 1\t3  2 \r\n", {P3, T4}},
-      // No triangle section, or a line without a leading number: none.
-      {"2\n0 0 0\n1 2 3", {{{0, 0, 0}, {1, 2, 3}}, {}}},
-      {"2\n0 0 0\n1 2 3\n", {{{0, 0, 0}, {1, 2, 3}}, {}}},
+      // A line without a leading number: no triangles.
       {"1\n0 0 0\ntriangles: 1\n1 1 1 1\n", {P0, {}}},
       {"0\n0\n", {}},
       {Bytes().i(0).i(0).s, {}},
@@ -166,7 +164,8 @@ TEST(TriangleFile, DamagedFilesAreReadErrorsThatChangeNothing) {
       "\n1\n0 0 0\n", "   \t\n1\n0 0 0\n", "1\n0 0 0\n\n1\n1 1 1\n", "1\n0 0 0\n  \r\n", "", "vertices\n0 0 0\n",
       "2\n0 0 0\n", "2\n0 0 0\n1 1\n", "2\n0 0 0\n\n1 1 1\n", "1\n0 0 x\n", TRI3 + "2\n1 2 3\n", TRI3 + "1\n1 2\n",
       TRI3 + "1\n1 2.5 3\n", "-1\n0 0 0\n", "1\n0 0 0\n-2\n1 1 1\n", "99999999999\n0 0 0\n",
-      "1\n0 0 0\n1\n1 1 99999999999\n", "1\n0 0 0\n1\n1 1 -2147483648\n",
+      "2147483647\n0 0 0\n", "1\n0 0 0\n1\n1 1 99999999999\n", "1\n0 0 0\n1\n1 1 -2147483648\n",
+      "1\n0 0 0\n1\n1 1 -9223372036854775808\n",
       "2\n" + padded("5 0 0 0", 158) + "1 2 3\n",  // the cut after 159 leaves two numbers
       "2\n0 0 0\n1 1", "1\n0 0 0\n2\n1 1 1\n",      // one line more cannot be there
       "2\n0 0 0\n1 nan 0\n", "1\n1 0 0 inf\n", "1\n-INF 0 0\n", "1\n0 1e39 0\n",
@@ -189,38 +188,6 @@ TEST(TriangleFile, DamagedFilesAreReadErrorsThatChangeNothing) {
   EXPECT_EQ(r.ok, 0);
   EXPECT_EQ(r.err, "\nError opening file " + missing + "\a\a\n\n");
   EXPECT_TRUE(r.out.empty() && r.untouched);
-}
-
-TEST(TriangleFile, CorruptedFilesEitherReadOrFailCleanly) {
-  // Random damage to valid files of both encodings: a full success with its
-  // contents line, or one read error that changes nothing; never a crash.
-  TempDir dir;
-  std::mt19937 rng(2024);
-  for (bool binary : {false, true}) {
-    std::string path = dir.file("damaged");
-    ASSERT_TRUE(write_trimesh(path, icosphere(0, 1.0), binary));
-    std::string clean = read_file(path);
-    for (int trial = 0; trial < 300; trial++) {
-      std::string bytes = clean;
-      for (int e = 1 + (int)(rng() % 4); e > 0 && !bytes.empty(); e--) {
-        size_t at = rng() % bytes.size();
-        switch (rng() % 3) {
-          case 0: bytes[at] = (char)(rng() % 256); break;
-          case 1: bytes.erase(at, 1 + rng() % 8); break;
-          default: bytes.resize(at); break;
-        }
-      }
-      write_file(path, bytes);
-      Result r = read_tri(path);
-      if (r.ok != 1) {
-        expect_refused(r, path);
-        continue;
-      }
-      EXPECT_EQ(r.err, "");
-      EXPECT_EQ(r.out, contents_line(path, r.mesh.pnt.size(), r.mesh.dhk.size()));
-      for (auto &p : r.mesh.pnt) EXPECT_TRUE(std::isfinite(p[0]) && std::isfinite(p[1]) && std::isfinite(p[2]));
-    }
-  }
 }
 
 #if defined(__SANITIZE_ADDRESS__)

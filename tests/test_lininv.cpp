@@ -79,7 +79,7 @@ TEST(LinInverse, SolutionsAndReportsAgainstTheTruncatedPseudoInverse) {
                              {"small singular value kept", nearly, 0.0001f, 3, true},
                              {"wide", h2::random_matrix(3, 7, 31), 0.001f, 3, false},
                              {"zero", ref::zeros(4, 3), 0.001f, 0, false}};
-  for (unsigned seed = 10; seed < 16; seed++) {
+  for (unsigned seed = 10; seed < 12; seed++) {
     cases.push_back({"well conditioned", h2::random_matrix(6, 6, seed), 0.001f, 6, true});
     for (int i = 0; i < 6; i++) cases.back().trans[i][i] = (float)(cases.back().trans[i][i] + 3.0);
   }

@@ -5,7 +5,6 @@
 
 #include <cfloat>
 #include <cmath>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -130,7 +129,7 @@ TEST(Ludec, HandWorkedTwoByTwo) {
 }
 
 TEST(Ludec, ZeroIdentityAndOneByOne) {
-  for (int n : {1, 2, 5, 30}) {
+  for (int n : {1, 5}) {
     SCOPED_TRACE("n = " + std::to_string(n));
     FMat z(n);
     const float cond = factorise(z);
@@ -174,21 +173,18 @@ TEST(Ludec, SolvesAndConditionAgainstDoubleReference) {
       for (double &x : row) x = (float)x;  // the matrix exactly as stored
     cases.push_back({name + " " + std::to_string(a.size()), a, base});
   };
-  for (int n : {1, 2, 5, 50, 200})
-    for (int rep = 0; rep < (n >= 200 ? 1 : 4); rep++) add("random", random_matrix(n, rng));
-  for (int n : {2, 3, 5, 8})
-    for (int rep = 0; rep < 3; rep++) {
-      const double base = uniform(rng, 1.5, 3.0);
-      add("bottom heavy", bottom_heavy(n, base, rng), base);
-    }
-  for (int n = 4; n <= 8; n++) {
+  for (int n : {1, 2, 5, 50, 50, 200}) add("random", random_matrix(n, rng));
+  for (int n : {3, 8}) {
+    const double base = uniform(rng, 1.5, 3.0);
+    add("bottom heavy", bottom_heavy(n, base, rng), base);
+  }
+  for (int n : {4, 8}) {
     Mat h(n, Vec(n));
     for (int i = 0; i < n; i++)
       for (int j = 0; j < n; j++) h[i][j] = 1.0 / (i + j + 1);
     add("Hilbert", h);
   }
-  for (double k : {1e2, 1e4, 1e6})
-    for (int n : {10, 30}) add("kappa " + std::to_string(k), with_condition(n, k, rng));
+  for (double k : {1e3, 1e6}) add("kappa " + std::to_string(k), with_condition(30, k, rng));
 
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
@@ -270,32 +266,6 @@ TEST(Ludec, CountdownEveryTenRowsAboveTwentyFive) {
   EXPECT_EQ(run(26, 1), "Ludec countdown:   20\rLudec countdown:   10\rLudec countdown:    0\r\n");
   EXPECT_EQ(run(25, 1), "");
   EXPECT_EQ(run(40, 0), "");
-}
-
-// Same input, same factor bits; many right-hand sides solve exactly as one
-// at a time, and none touches nothing.
-TEST(Ludec, ManyRightHandSidesMatchSingleSolvesBitForBit) {
-  std::mt19937 rng(8);
-  for (int n : {1, 6, 50}) {
-    const int nrhs = 7;
-    const Mat a = random_matrix(n, rng);
-    FMat f(n, a), g(n, a);
-    factorise(f);
-    factorise(g);
-    for (int i = 1; i <= n; i++) ASSERT_EQ(0, std::memcmp(&f.a[i][1], &g.a[i][1], n * sizeof(float)));
-    FMat x(std::max(n, nrhs));
-    std::vector<std::vector<float>> single(nrhs + 1, std::vector<float>(n + 1));
-    for (int r = 1; r <= nrhs; r++) {
-      const Vec b = random_vector(n, rng);
-      for (int i = 1; i <= n; i++) x.a[r][i] = single[r][i] = (float)(b[i - 1] * std::pow(10.0, r - 4));
-      solvelu(f.a, n, single[r].data());
-    }
-    solvelu_many(f.a, n, x.a, nrhs);
-    for (int r = 1; r <= nrhs; r++)
-      EXPECT_EQ(0, std::memcmp(&x.a[r][1], &single[r][1], n * sizeof(float))) << "n = " << n << " row " << r;
-    solvelu_many(f.a, n, x.a, 0);
-    EXPECT_EQ(0, std::memcmp(&x.a[1][1], &single[1][1], n * sizeof(float)));
-  }
 }
 
 // Sixteen ones after 1e8: a float running sum would stay at 1e8, while the

@@ -2,8 +2,10 @@
 // named items in their tails.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -140,6 +142,7 @@ TEST(MatrixFile, ShapesAndTailsAsRead) {
        "sample freq\n250 Hz\n", 1},
       {"1 2\n7 8\n \nnote\n", {{7, 8}}, 2, " \nnote\n", 1},
       {"2 2\n1 2 3 4", {{1, 2}, {3, 4}}, 2, "", 1},
+      {"2 1\ninf\n-inf\n", {{INFINITY}, {-INFINITY}}, 1, "", 1},  // judged by the caller
       // 1024 bytes are read just after "9", then the three line ends go.
       {"1\n9\n\n\n" + std::string(1500, 'q'), {{9}}, 1, std::string(1021, 'q'), 1},
   };
@@ -161,9 +164,9 @@ TEST(ByteOrder, SwapsAndTheOwnOrderDecision) {
   struct Case {
     int R, C, foreign;
   } cases[] = {
-      {1000, 1000000, 0}, {40000, 25000, 0}, {1, 1000000000, 0}, {1, 1000000001, 1}, {40000, 25001, 1},
-      {65536, 65536, 1},  {2147483647, 2147483647, 1},  // wrap to 0 and 1 in 32 bits
-      {0, 2147483647, 0}, {-1, 3, 1}, {3, -1, 1}, {2, 3, 0},
+      {1000, 1000000, 0}, {1, 1000000001, 1}, {65536, 65536, 1},
+      {2147483647, 2147483647, 1},  // wrap to 0 and 1 in 32 bits
+      {0, 2147483647, 0}, {-1, 3, 1}, {3, -1, 1},
   };
   for (const Case &k : cases) {
     int R = k.R, C = k.C;
@@ -184,9 +187,6 @@ TEST(MatrixFileErrors, DamagedFilesGiveTheReadError) {
   } cases[] = {
       {"values cut short", matrix_bytes(2, 3, five), 2, 3},
       {"values cut short, other order", matrix_bytes(2, 3, five, "", true), 2, 3},
-      // Exactly 1e9 elements: own order; one more: the other one.
-      {"1e9 elements", matrix_bytes(1000, 1000000, {1}), 1000, 1000000},
-      {"1e9+1 elements", matrix_bytes(1, 1000000001, {1}), (int)longwordswap(1), (int)longwordswap(1000000001)},
       {"header cut short", std::string("\x02\x00\x00\x00\x03\x00", 6), -1, -1},
       {"negative both ways", matrix_bytes(-1, -1, five), -1, -1},
       {"empty file", "", -1, -1},
@@ -208,6 +208,10 @@ TEST(MatrixFileErrors, DamagedFilesGiveTheReadError) {
     EXPECT_TRUE(r.tail == nullptr && r.tail_len == 0);
     EXPECT_TRUE(k.R == -1 || (r.R == k.R && r.C == k.C)) << r.R << " x " << r.C;
   }
+  ASSERT_EQ(mkdir(dir.file("folder").c_str(), 0755), 0);  // opens, but holds no file
+  Read folder(dir.file("folder"));
+  EXPECT_EQ(folder.m, nullptr);
+  EXPECT_EQ(folder.err, read_error(dir.file("folder")));
   std::string missing = dir.file("nothing-here.mat");
   Read r(missing);
   EXPECT_EQ(r.m, nullptr);

@@ -84,11 +84,11 @@ TEST(Svd, MatricesOfEveryShapeAndKind) {
     Kind kind;
     int rank = 0;
   };
-  const Case cases[] = {{1, 1, random},    {5, 1, random},  {1, 5, random},     {2, 2, random},  {12, 5, random},
-                        {7, 7, random},    {3, 5, random},  {10, 25, random},   {30, 30, random}, {25, 45, random},
-                        {40, 30, random},  {37, 27, random}, {100, 10, random}, {6, 14, rows},   {3, 5, rows},
-                        {14, 6, cols},     {9, 9, rows},    {9, 9, cols},       {5, 12, cols},   {20, 8, low_rank, 3},
-                        {9, 9, low_rank, 4}, {6, 15, low_rank, 2}, {4, 7, low_rank, 1}};
+  // 37 x 27 and 100 x 10 sit on either side of the countdown's threshold.
+  const Case cases[] = {{1, 1, random},    {5, 1, random},       {1, 5, random},      {7, 7, random},
+                        {12, 5, random},   {3, 5, random},       {37, 27, random},    {100, 10, random},
+                        {25, 45, random},  {6, 14, rows},        {14, 6, cols},       {20, 8, low_rank, 3},
+                        {6, 15, low_rank, 2}};
   unsigned seed = 11;
   for (const Case &c : cases) {
     SCOPED_TRACE(testing::Message() << c.m << " x " << c.n << " kind " << c.kind);
@@ -195,8 +195,7 @@ TEST(SvdDeathTest, NonFiniteInputStillTerminates) {
     float bad;
     bool all = false;
   };
-  for (Case c : {Case{5, 4, 2, 3, nan}, {6, 6, 6, 6, nan}, {4, 9, 1, 1, nan}, {5, 5, 3, 3, inf}, {3, 3, 1, 1, -inf},
-                 {40, 30, 17, 9, nan}, {7, 5, 1, 1, nan, true}}) {
+  for (Case c : {Case{5, 4, 2, 3, nan}, {4, 9, 1, 1, nan}, {5, 5, 3, 3, inf}, {7, 5, 1, 1, nan, true}}) {
     SCOPED_TRACE(testing::Message() << c.m << " x " << c.n);
     ref::Mat src = h2::random_matrix(c.m, c.n, 9);
     for (int i = 0; i < c.m; i++)

@@ -41,46 +41,34 @@ void nan_everywhere(int m, int n, int, float *, float **M) {
     for (int j = 1; j <= n; j++) M[i][j] = NAN;
 }
 
+// One problem of 20 channels: data of the given rates (amplitudes varying
+// with the column, plus a fixed small wiggle when noisy), the start p0.
 struct Run {
-  int m, n, q, L;
-  float **Y, **F, **X, **cov;
-  float *p;
-  Run(int m_, int n_, int q_, int L_) : m(m_), n(n_), q(q_), L(L_) {
-    Y = matrix(1, m, 1, L);
-    F = matrix(1, m, 1, L);
-    X = matrix(1, n, 1, L);
-    cov = matrix(1, n + q, 1, n + q);
+  int m = 20, n, q, L;
+  float **Y, **F, **X, **cov, *p;
+  Run(int n_, int L_, const std::vector<double> &rates, std::vector<float> p0, bool noisy = false)
+      : n(n_), q((int)p0.size()), L(L_) {
+    Y = matrix(1, m, 1, L), F = matrix(1, m, 1, L), X = matrix(1, n, 1, L), cov = matrix(1, n + q, 1, n + q);
     p = vector(1, q);
-  }
-  ~Run() {
-    free_matrix(Y, 1, m, 1, L);
-    free_matrix(F, 1, m, 1, L);
-    free_matrix(X, 1, n, 1, L);
-    free_matrix(cov, 1, n + q, 1, n + q);
-    free_vector(p, 1, q);
-  }
-  // Data of the exponential-type models: rates `rates`, amplitudes varying
-  // with the column, plus a fixed small wiggle when noisy.
-  void exp_data(const std::vector<double> &rates, bool noisy) {
+    for (int k = 1; k <= q; k++) p[k] = p0[k - 1];
     for (int i = 1; i <= m; i++)
       for (int t = 1; t <= L; t++) {
-        double y = 0.0;
+        double y = noisy ? 0.02 * std::sin(1.7 * i + 0.9 * t) : 0.0;
         for (size_t j = 0; j < rates.size(); j++) y += (1.0 + 0.5 * t + j) * fitmodel::exp_entry(i, rates[j]);
-        if (noisy) y += 0.02 * std::sin(1.7 * i + 0.9 * t);
         Y[i][t] = (float)y;
       }
   }
-  void start(const std::vector<float> &p0) {
-    for (int k = 1; k <= q; k++) p[k] = p0[k - 1];
+  ~Run() {
+    free_matrix(Y, 1, m, 1, L), free_matrix(F, 1, m, 1, L), free_matrix(X, 1, n, 1, L);
+    free_matrix(cov, 1, n + q, 1, n + q), free_vector(p, 1, q);
   }
-  int fit(DecoupleModel model, DecoupleDeriv deriv, DecoupleBound bound, bool with_cov = false) {
+  void fit(DecoupleModel model, DecoupleDeriv deriv, DecoupleBound bound, bool with_cov = false) {
     float relres = -1.0f, cond = 12345.0f, rms = -1.0f;
     int ret = decouple(m, n, q, L, Y, F, p, X, bound, &relres, model, deriv, 25, 0.005f, &cond, 1, &rms,
                        with_cov ? cov : nullptr, 0, 0.001f);
     printf("RESULT ret=%d relres=%.6g cond=%.9g p=", ret, relres, cond);
     for (int k = 1; k <= q; k++) printf(" %.7g", p[k]);
     printf("\n");
-    return ret;
   }
 };
 
@@ -88,77 +76,40 @@ struct Run {
 
 int main(int argc, char **argv) {
   setvbuf(stdout, nullptr, _IONBF, 0);
-  if (argc != 2) {
-    fprintf(stderr, "usage: probe_decouple <scenario>\n");
-    return 2;
-  }
-  const char *what = argv[1];
+  const char *what = argc == 2 ? argv[1] : "";
   using namespace fitmodel;
   set_times(20, 0.1);
+  const std::vector<double> two = {0.5, 2.0};
 
   if (!strcmp(what, "zero")) {
-    Run r(20, 2, 2, 3);  // data stay zero
-    r.start({0.5f, 2.0f});
-    r.fit(exp_model, exp_deriv, accept_all);
+    Run(2, 3, {}, {0.5f, 2.0f}).fit(exp_model, exp_deriv, accept_all);
   } else if (!strcmp(what, "rank")) {
-    for (int pass = 0; pass < 2; pass++) {
-      Run r(20, 2, 1, 2);
-      r.exp_data({0.8}, false);
-      r.start({1.0f});
-      r.fit(twin_model, twin_deriv, positive_rates);
-    }
-    Run full(20, 2, 2, 3);
-    full.exp_data({0.5, 2.0}, false);
-    full.start({0.6f, 1.8f});
-    full.fit(exp_model, exp_deriv, positive_rates);
-    Run again(20, 2, 1, 2);
-    again.exp_data({0.8}, false);
-    again.start({1.0f});
-    again.fit(twin_model, twin_deriv, positive_rates);
+    for (int pass = 0; pass < 2; pass++) Run(2, 2, {0.8}, {1.0f}).fit(twin_model, twin_deriv, positive_rates);
+    Run(2, 3, two, {0.6f, 1.8f}).fit(exp_model, exp_deriv, positive_rates);
+    Run(2, 2, {0.8}, {1.0f}).fit(twin_model, twin_deriv, positive_rates);
   } else if (!strcmp(what, "bound")) {
-    for (int pass = 0; pass < 2; pass++) {
-      Run r(20, 2, 2, 3);
-      r.exp_data({0.5, 2.0}, false);
-      r.start({0.7f, 1.5f});
-      r.fit(exp_model, exp_deriv, reject_all);
-    }
+    for (int pass = 0; pass < 2; pass++) Run(2, 3, two, {0.7f, 1.5f}).fit(exp_model, exp_deriv, reject_all);
   } else if (!strcmp(what, "hfti")) {
-    Run r(20, 1, 2, 2);
-    r.exp_data({1.5}, false);
-    r.start({0.5f, 0.6f});
-    r.fit(sum_model, sum_deriv, accept_all, true);
+    Run(1, 2, {1.5}, {0.5f, 0.6f}).fit(sum_model, sum_deriv, accept_all, true);
   } else if (!strcmp(what, "hfti0")) {
-    Run r(20, 2, 2, 2);
-    r.exp_data({1.0}, false);
-    r.start({0.5f, 0.6f});
-    r.fit(constant_model, zero_deriv, accept_all);
+    Run(2, 2, {1.0}, {0.5f, 0.6f}).fit(constant_model, zero_deriv, accept_all);
   } else if (!strcmp(what, "nantrial")) {
     for (int pass = 0; pass < 2; pass++) {
       model_calls = 0;
-      Run r(20, 2, 2, 3);
-      r.exp_data({0.5, 2.0}, false);
-      r.start({0.7f, 1.5f});
-      r.fit(nan_after_first, exp_deriv, accept_all);
+      Run(2, 3, two, {0.7f, 1.5f}).fit(nan_after_first, exp_deriv, accept_all);
     }
   } else if (!strcmp(what, "nandata")) {
-    Run r(20, 2, 2, 3);
-    r.exp_data({0.5, 2.0}, false);
+    Run r(2, 3, two, {0.7f, 1.5f});
     r.Y[4][2] = NAN;
-    r.start({0.7f, 1.5f});
     r.fit(exp_model, exp_deriv, accept_all, true);
   } else if (!strcmp(what, "nanmodel")) {
-    Run r(20, 2, 2, 3);
-    r.exp_data({0.5, 2.0}, false);
-    r.start({0.7f, 1.5f});
-    r.fit(nan_everywhere, exp_deriv, accept_all, true);
+    Run(2, 3, two, {0.7f, 1.5f}).fit(nan_everywhere, exp_deriv, accept_all, true);
   } else if (!strcmp(what, "nochange")) {
-    Run r(20, 2, 2, 3);
-    r.exp_data({0.5, 2.0}, true);
-    r.start({0.6f, 1.8f});
+    Run r(2, 3, two, {0.6f, 1.8f}, true);
     r.fit(exp_model, exp_deriv, positive_rates);
     r.fit(exp_model, exp_deriv, positive_rates);  // from the converged point
   } else {
-    fprintf(stderr, "unknown scenario %s\n", what);
+    fprintf(stderr, "usage: probe_decouple <scenario>\n");
     return 2;
   }
   return 0;

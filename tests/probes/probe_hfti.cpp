@@ -1,8 +1,7 @@
 // Runs the least-squares solver on a 1 x N problem after capping the address
 // space so that its work arrays cannot all be allocated, and reports what it
 // returned and whether the matrix and right-hand side were left as they were.
-// Usage: probe_hfti [nolimit]
-//   nolimit  skip the cap (the same problem then solves normally)
+// Usage: probe_hfti [nolimit]   (nolimit: no cap; the problem then solves)
 // Prints "skipped" when built with a sanitizer, whose allocator does not
 // honour the cap in the same way.
 #include <sys/resource.h>
@@ -21,64 +20,33 @@
 #endif
 #endif
 
-namespace {
-
-// Current size of the address space in bytes, from /proc.
-long long address_space_bytes() {
-  FILE *f = fopen("/proc/self/statm", "r");
-  if (!f) return -1;
-  long long pages = -1;
-  if (fscanf(f, "%lld", &pages) != 1) pages = -1;
-  fclose(f);
-  return pages < 0 ? -1 : pages * 4096;
-}
-
-}  // namespace
-
 int main(int argc, char **argv) {
   setvbuf(stdout, nullptr, _IONBF, 0);
 #ifdef PROBE_SANITIZED
   printf("skipped\n");
   return 0;
 #endif
-  const bool limit = !(argc > 1 && strcmp(argv[1], "nolimit") == 0);
   const int n = 1 << 20;  // 4 MB per work vector
-  float **a = matrix(1, 1, 1, n);
-  float **b = matrix(1, n, 1, 1);
-  if (!a || !b) {
-    printf("setup failed\n");
-    return 2;
-  }
-  for (int j = 1; j <= n; j++) {
-    a[1][j] = (float)(j % 7) + 1.0f;
-    b[j][1] = 0.0f;
-  }
+  float **a = matrix(1, 1, 1, n), **b = matrix(1, n, 1, 1);
+  if (!a || !b) return printf("setup failed\n"), 2;
+  for (int j = 1; j <= n; j++) a[1][j] = (float)(j % 7) + 1.0f, b[j][1] = 0.0f;
   b[1][1] = 3.0f;
 
-  if (limit) {
-    long long now = address_space_bytes();
-    if (now < 0) {
-      printf("no statm\n");
-      return 2;
-    }
+  if (!(argc > 1 && strcmp(argv[1], "nolimit") == 0)) {
     // Room for three work vectors and some slack, not for the fourth.
-    long long vec = (long long)n * 4;
+    long long pages = -1, vec = (long long)n * 4;
+    FILE *f = fopen("/proc/self/statm", "r");
+    if (!f || fscanf(f, "%lld", &pages) != 1) return printf("no statm\n"), 2;
+    fclose(f);
     struct rlimit rl;
-    rl.rlim_cur = rl.rlim_max = (rlim_t)(now + 3 * vec + vec / 2);
-    if (setrlimit(RLIMIT_AS, &rl) != 0) {
-      printf("setrlimit failed\n");
-      return 2;
-    }
+    rl.rlim_cur = rl.rlim_max = (rlim_t)(pages * 4096 + 3 * vec + vec / 2);
+    if (setrlimit(RLIMIT_AS, &rl) != 0) return printf("setrlimit failed\n"), 2;
   }
 
   int krank = 99;
   hfti(a, 1, n, b, 1, 1e-5f, &krank);
-
   bool untouched = b[1][1] == 3.0f;
-  for (int j = 1; j <= n && untouched; j++) {
-    if (a[1][j] != (float)(j % 7) + 1.0f) untouched = false;
-    if (j > 1 && b[j][1] != 0.0f) untouched = false;
-  }
+  for (int j = 1; j <= n && untouched; j++) untouched = a[1][j] == (float)(j % 7) + 1.0f && (j == 1 || b[j][1] == 0.0f);
   printf("krank=%d untouched=%d\n", krank, untouched ? 1 : 0);
   return 0;
 }
