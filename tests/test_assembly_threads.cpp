@@ -111,7 +111,7 @@ TEST(AssemblyKernel, SolidAngleWithGivenLengthsIsSolangleBitForBit) {
   for (const auto &y : cases) check(y);
 }
 
-// The plain code once, then the threaded code on 1 and 3 threads, on models
+// The plain code once, then the threaded code on 1, 2 and 3 threads, on models
 // of one to three shells (listed in any order, so that the blocks of pass 2
 // come in every shape), with an isolated-source interface, and with
 // vertices that coincide with another interface's before the side is known
@@ -141,7 +141,7 @@ TEST(AssemblyThreads, IdenticalOnEveryThreadCount) {
     iso_sur = m.iso;
     const std::string ref = assemble(-1);
     ASSERT_NE(b[1][1], -7.0f);  // the run made a matrix
-    for (int threads : {1, 3}) EXPECT_TRUE(assemble(threads) == ref) << "threads " << threads;
+    for (int threads : {1, 2, 3}) EXPECT_TRUE(assemble(threads) == ref) << "threads " << threads;
   }
 }
 
@@ -170,7 +170,7 @@ TEST(AssemblyThreads, FirstFaultInRowOrderOnEveryThreadCount) {
     EXPECT_EQ(ref.out.find("== done ") != std::string::npos, good) << ref.out;
     EXPECT_TRUE(!text || good || ref.err.find(std::string("Fatal error in brelix: ") + text) != std::string::npos)
         << ref.err;
-    for (const char *threads : {"0", "1", "3"}) {
+    for (const char *threads : {"0", "1", "2", "3"}) {
       const ProcResult p = run_process(probe("probe_assembly"), {model, threads}, "");
       EXPECT_EQ(p.status, ref.status) << "threads " << threads;
       EXPECT_EQ(p.out, ref.out) << "threads " << threads;

@@ -67,7 +67,7 @@ TEST_F(StoredMatrix, TransferIsThePlainSumBitForBit) {
       for (int e = 1; e <= s.nel; e++) expect[e][r] -= mean;
     }
     const std::string lines = s.ncols > 10 ? countdown("Solve countdown:%5d\r", s.ncols, 1) + "\n" : "";
-    for (int threads : {1, 3}) {
+    for (int threads : {1, 2, 3}) {
       SCOPED_TRACE("nel " + std::to_string(s.nel) + " ncols " + std::to_string(s.ncols) + " n " +
                    std::to_string(s.n) + " threads " + std::to_string(threads));
       set_assembly_threads(threads);
@@ -121,7 +121,7 @@ TEST_F(StoredMatrix, ForwardIsThePlainFloatSumBitForBit) {
         for (int p = 1; p <= s.npar; p++) sum = sum + d[p][t] * tr[e][p];
         expect[e][t] = sum;
       }
-    for (int threads : {1, 3}) {
+    for (int threads : {1, 2, 3}) {
       SCOPED_TRACE("nel " + std::to_string(s.nel) + " npar " + std::to_string(s.npar) + " ntim " +
                    std::to_string(s.ntim) + " threads " + std::to_string(threads));
       set_assembly_threads(threads);
