@@ -366,7 +366,7 @@ int first_nan_row(float **a, int limit) {
 
 // For every column k of the multipliers, the last row i holding one that
 // is not plain (!(|m| <= 1): an exchange in the solves, or NaN), 0 if none.
-std::vector<int> last_unplain_rows(float **a, int n) {
+ROW_LOOP std::vector<int> last_unplain_rows(float **a, int n) {
   std::vector<int> last(n + 1, 0);
   int *lk = last.data();
   for (int i = 2; i <= n; i++) {
