@@ -54,6 +54,8 @@ constexpr int PANEL = 128;
 constexpr int BASE_WIDTH = 16;
 // Right-hand sides solved side by side in one block of solvelu_many.
 constexpr int MANY_BLOCK = 512;
+// Side of the squares in which right-hand sides are transposed.
+constexpr int TRANSPOSE_TILE = 16;
 // Right-hand sides below which solvelu_many simply loops.
 constexpr int MANY_MIN_RHS = 4;
 
@@ -405,10 +407,19 @@ int first_active_pivot(const std::vector<int> &last_unplain, int z, bool negativ
 // so are the steps of pivots below `kstart` (see first_active_pivot).
 void solve_block(float **a, int n, float **x, int r0, int width, int ld, int skip, int kstart,
                  float *const *s, float *work) {
-  for (int i = 1; i <= n; i++) {
-    float *si = s[i];
-    for (int l = 0; l < width; l++) si[l] = x[r0 + l][i];
-    for (int l = width; l < ld; l++) si[l] = 0.0f;
+  // Transposed in squares of TRANSPOSE_TILE: each cache line of x that is
+  // touched is used whole before it is dropped.
+  for (int i0 = 1; i0 <= n; i0 += TRANSPOSE_TILE) {
+    const int i1 = i0 + TRANSPOSE_TILE - 1 < n ? i0 + TRANSPOSE_TILE - 1 : n;
+    for (int l0 = 0; l0 < width; l0 += TRANSPOSE_TILE) {
+      const int l1 = l0 + TRANSPOSE_TILE < width ? l0 + TRANSPOSE_TILE : width;
+      for (int l = l0; l < l1; l++) {
+        const float *xl = x[r0 + l];
+        for (int i = i0; i <= i1; i++) s[i][l] = xl[i];
+      }
+    }
+    for (int i = i0; i <= i1; i++)
+      for (int l = width; l < ld; l++) s[i][l] = 0.0f;
   }
   for (int k0 = kstart; k0 <= n - 1; k0 += PANEL) {
     const int k1 = k0 + PANEL - 1 < n - 1 ? k0 + PANEL - 1 : n - 1;
@@ -418,9 +429,15 @@ void solve_block(float **a, int n, float **x, int r0, int width, int ld, int ski
     replay_steps(p, work);
   }
   back_substitute(a, n, s, ld);
-  for (int i = 1; i <= n; i++) {
-    const float *si = s[i];
-    for (int l = 0; l < width; l++) x[r0 + l][i] = si[l];
+  for (int i0 = 1; i0 <= n; i0 += TRANSPOSE_TILE) {
+    const int i1 = i0 + TRANSPOSE_TILE - 1 < n ? i0 + TRANSPOSE_TILE - 1 : n;
+    for (int l0 = 0; l0 < width; l0 += TRANSPOSE_TILE) {
+      const int l1 = l0 + TRANSPOSE_TILE < width ? l0 + TRANSPOSE_TILE : width;
+      for (int l = l0; l < l1; l++) {
+        float *xl = x[r0 + l];
+        for (int i = i0; i <= i1; i++) xl[i] = s[i][l];
+      }
+    }
   }
 }
 
