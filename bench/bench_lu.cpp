@@ -93,12 +93,11 @@ void factorise_bem_like(Matrix &a) {
   ludec(a.a, a.n, &cond);
 }
 
-// args: n, kind
-void BM_LudecPlain(benchmark::State &st) {
-  const int n = (int)st.range(0);
+// Times `factorise` on copies of a matrix of the given kind.
+void time_factorisation(benchmark::State &st, int n, int kind, void (*factorise)(float **, int, float *)) {
   set_verbose(0);
   Matrix original(n), work(n);
-  fill(original, (int)st.range(1));
+  fill(original, kind);
   CpuClock cpu;
   for (auto _ : st) {
     st.PauseTiming();
@@ -106,32 +105,20 @@ void BM_LudecPlain(benchmark::State &st) {
     st.ResumeTiming();
     cpu.resume();
     float cond;
-    ludec_plain(work.a, n, &cond);
+    factorise(work.a, n, &cond);
     cpu.pause();
     benchmark::DoNotOptimize(cond);
   }
   set_gflops(st, lu_flops(n), cpu);
 }
 
+// args: n, kind
+void BM_LudecPlain(benchmark::State &st) { time_factorisation(st, (int)st.range(0), (int)st.range(1), ludec_plain); }
+
 // args: n, threads, kind
 void BM_Ludec(benchmark::State &st) {
-  const int n = (int)st.range(0);
-  set_verbose(0);
   set_lu_threads((int)st.range(1));
-  Matrix original(n), work(n);
-  fill(original, (int)st.range(2));
-  CpuClock cpu;
-  for (auto _ : st) {
-    st.PauseTiming();
-    work.copy_from(original);
-    st.ResumeTiming();
-    cpu.resume();
-    float cond;
-    ludec(work.a, n, &cond);
-    cpu.pause();
-    benchmark::DoNotOptimize(cond);
-  }
-  set_gflops(st, lu_flops(n), cpu);
+  time_factorisation(st, (int)st.range(0), (int)st.range(2), ludec);
   set_lu_threads(0);
 }
 

@@ -85,6 +85,20 @@ int get_offset(int i) {
 
 namespace {
 
+// The countdown of block (i, j): shown in the diagonal blocks and the first
+// off-diagonal ones, a line every ten rows of the whole matrix, marked with
+// the pass when there is more than one interface.
+struct BlockCountdown {
+  bool shown;
+  const char *end;
+  BlockCountdown(int i, int j)
+      : shown(i == j || j == 0 || (j == 1 && i == 0)),
+        end(ngeo == 1 ? "\r" : (i == j ? " (pass 1)\r" : " (pass 2)\r")) {}
+  void row(int r) const {
+    if (shown && (totpnt - r) % 10 == 0) printf(" Bmat countdown:%5d%s", totpnt - r, end);
+  }
+};
+
 // The plain sequential assembly of one block: the rows one after the other,
 // each classified as soon as it is made.  The threaded version below must
 // give the same bits, the same output and the same first fault.
@@ -94,8 +108,7 @@ void b_submatrix_reference(int i, int j) {
   const int ri = get_offset(i), cj = get_offset(j);
   const int ni = gi.npnt, nj = gj.npnt;
   const bool diagonal = i == j;
-  const bool countdown = diagonal || j == 0 || (j == 1 && i == 0);
-  const char *countdown_end = ngeo == 1 ? "\r" : (diagonal ? " (pass 1)\r" : " (pass 2)\r");
+  const BlockCountdown countdown(i, j);
 
   check_triangles(gj);
 
@@ -110,7 +123,7 @@ void b_submatrix_reference(int i, int j) {
 
     for (int k = 0; k < ni; k++) {
       const int r = ri + k;
-      if (countdown && (totpnt - r) % 10 == 0) printf(" Bmat countdown:%5d%s", totpnt - r, countdown_end);
+      countdown.row(r);
 
       float *row = b[r];
       const double x[3] = {gi.pnt[k][0], gi.pnt[k][1], gi.pnt[k][2]};
@@ -427,8 +440,7 @@ void b_submatrix_threaded(int i, int j) {
   const int ri = get_offset(i), cj = get_offset(j);
   const int ni = gi.npnt, nj = gj.npnt;
   const bool diagonal = i == j;
-  const bool countdown = diagonal || j == 0 || (j == 1 && i == 0);
-  const char *countdown_end = ngeo == 1 ? "\r" : (diagonal ? " (pass 1)\r" : " (pass 2)\r");
+  const BlockCountdown countdown(i, j);
 
   check_triangles(gj);
 
@@ -450,7 +462,7 @@ void b_submatrix_threaded(int i, int j) {
       again = false;
       for (int k = 0; k < ni; k++) {
         const int r = ri + k;
-        if (countdown && (totpnt - r) % 10 == 0) printf(" Bmat countdown:%5d%s", totpnt - r, countdown_end);
+        countdown.row(r);
         const RowResult &res = pool.row(k);
         float *row = b[r];
         bool coincident = false;

@@ -400,6 +400,25 @@ int first_active_pivot(const std::vector<int> &last_unplain, int z, bool negativ
   return z;
 }
 
+// Between rows x[r0 .. r0+width-1][1..n] and the block s[1..n][0..width-1]:
+// into s when `into_s`, back into x otherwise.  Done in squares of
+// TRANSPOSE_TILE, so that each cache line of x touched is used whole.
+void transpose_block(float **x, int r0, int width, float *const *s, int n, bool into_s) {
+  for (int i0 = 1; i0 <= n; i0 += TRANSPOSE_TILE) {
+    const int i1 = i0 + TRANSPOSE_TILE - 1 < n ? i0 + TRANSPOSE_TILE - 1 : n;
+    for (int l0 = 0; l0 < width; l0 += TRANSPOSE_TILE) {
+      const int l1 = l0 + TRANSPOSE_TILE < width ? l0 + TRANSPOSE_TILE : width;
+      for (int l = l0; l < l1; l++) {
+        float *xl = x[r0 + l];
+        if (into_s)
+          for (int i = i0; i <= i1; i++) s[i][l] = xl[i];
+        else
+          for (int i = i0; i <= i1; i++) xl[i] = s[i][l];
+      }
+    }
+  }
+}
+
 // Solve the right-hand sides x[r0 .. r0+width-1] side by side: transposed
 // into s (row i holds entry i of each, ld floats apart), the forward steps
 // replayed panel by panel, back substitution, transposed back.  Rows of the
@@ -407,20 +426,9 @@ int first_active_pivot(const std::vector<int> &last_unplain, int z, bool negativ
 // so are the steps of pivots below `kstart` (see first_active_pivot).
 void solve_block(float **a, int n, float **x, int r0, int width, int ld, int skip, int kstart,
                  float *const *s, float *work) {
-  // Transposed in squares of TRANSPOSE_TILE: each cache line of x that is
-  // touched is used whole before it is dropped.
-  for (int i0 = 1; i0 <= n; i0 += TRANSPOSE_TILE) {
-    const int i1 = i0 + TRANSPOSE_TILE - 1 < n ? i0 + TRANSPOSE_TILE - 1 : n;
-    for (int l0 = 0; l0 < width; l0 += TRANSPOSE_TILE) {
-      const int l1 = l0 + TRANSPOSE_TILE < width ? l0 + TRANSPOSE_TILE : width;
-      for (int l = l0; l < l1; l++) {
-        const float *xl = x[r0 + l];
-        for (int i = i0; i <= i1; i++) s[i][l] = xl[i];
-      }
-    }
-    for (int i = i0; i <= i1; i++)
-      for (int l = width; l < ld; l++) s[i][l] = 0.0f;
-  }
+  transpose_block(x, r0, width, s, n, true);
+  for (int i = 1; i <= n; i++)
+    for (int l = width; l < ld; l++) s[i][l] = 0.0f;
   for (int k0 = kstart; k0 <= n - 1; k0 += PANEL) {
     const int k1 = k0 + PANEL - 1 < n - 1 ? k0 + PANEL - 1 : n - 1;
     const int ilo = skip > k0 + 1 ? skip : k0 + 1;
@@ -429,16 +437,7 @@ void solve_block(float **a, int n, float **x, int r0, int width, int ld, int ski
     replay_steps(p, work);
   }
   back_substitute(a, n, s, ld);
-  for (int i0 = 1; i0 <= n; i0 += TRANSPOSE_TILE) {
-    const int i1 = i0 + TRANSPOSE_TILE - 1 < n ? i0 + TRANSPOSE_TILE - 1 : n;
-    for (int l0 = 0; l0 < width; l0 += TRANSPOSE_TILE) {
-      const int l1 = l0 + TRANSPOSE_TILE < width ? l0 + TRANSPOSE_TILE : width;
-      for (int l = l0; l < l1; l++) {
-        float *xl = x[r0 + l];
-        for (int i = i0; i <= i1; i++) xl[i] = s[i][l];
-      }
-    }
-  }
+  transpose_block(x, r0, width, s, n, false);
 }
 
 }  // namespace
