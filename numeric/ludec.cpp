@@ -54,8 +54,6 @@ constexpr int PANEL = 128;
 constexpr int BASE_WIDTH = 16;
 // Right-hand sides solved side by side in one block of solvelu_many.
 constexpr int MANY_BLOCK = 512;
-// Side of the squares in which right-hand sides are transposed.
-constexpr int TRANSPOSE_TILE = 16;
 // Right-hand sides below which solvelu_many simply loops.
 constexpr int MANY_MIN_RHS = 4;
 
@@ -348,42 +346,60 @@ void solvelu(float **a, int n, float *b) {
 
 namespace {
 
+// Float entries read as their bit patterns.
+typedef uint32_t float_bits __attribute__((may_alias));
+
+// Whether any of the bit patterns w[lo .. hi] is nonzero.
+ROW_LOOP bool any_bits(const float_bits *w, int lo, int hi) {
+  uint32_t any = 0;
+  for (int i = lo; i <= hi; i++) any |= w[i];
+  return any != 0;
+}
+
 // Index of the first entry of v[1..n] that is not +0.0 (n + 1 if none).
+// Long runs of zeros are passed over a stretch at a time.
 int first_nonzero(const float *v, int n) {
-  for (int i = 1; i <= n; i++) {
-    uint32_t bits;
-    memcpy(&bits, v + i, sizeof bits);
-    if (bits != 0) return i;
-  }
+  const float_bits *w = reinterpret_cast<const float_bits *>(v);
+  constexpr int STRETCH = 64;
+  int i = 1;
+  while (i + STRETCH - 1 <= n && !any_bits(w, i, i + STRETCH - 1)) i += STRETCH;
+  for (; i <= n; i++)
+    if (w[i] != 0) return i;
   return n + 1;
 }
 
-// The first row i < limit holding a NaN multiplier (limit if none).
-int first_nan_row(float **a, int limit) {
-  for (int i = 2; i < limit; i++)
-    for (int k = 1; k < i; k++)
-      if (std::isnan(a[i][k])) return i;
-  return limit;
+// What the solves need to know of the multipliers, for each column k the
+// last row i holding one that is not plain (!(|m| <= 1): an exchange in the
+// solves, or NaN), 0 if none; and the first row holding a NaN (n + 1 if
+// none).  One pass over the lower triangle.
+struct MultiplierSummary {
+  std::vector<int> last_unplain;
+  int first_nan_row;
+};
+
+ROW_LOOP bool row_has_nan(const float *ai, int k1) {
+  int nan = 0;
+  for (int k = 1; k <= k1; k++) nan |= ai[k] != ai[k];
+  return nan != 0;
 }
 
-// For every column k of the multipliers, the last row i holding one that
-// is not plain (!(|m| <= 1): an exchange in the solves, or NaN), 0 if none.
-ROW_LOOP std::vector<int> last_unplain_rows(float **a, int n) {
-  std::vector<int> last(n + 1, 0);
-  int *lk = last.data();
+ROW_LOOP MultiplierSummary summarise_multipliers(float **a, int n) {
+  MultiplierSummary sum{std::vector<int>(n + 1, 0), n + 1};
+  int *lk = sum.last_unplain.data();
   for (int i = 2; i <= n; i++) {
     const float *ai = a[i];
     for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
+    if (sum.first_nan_row > n && row_has_nan(ai, i - 1)) sum.first_nan_row = i;
   }
-  return last;
+  return sum;
 }
 
-// Whether any of x[r0 .. r0+width-1][from .. n] is -0.0.
-bool has_negative_zero(float **x, int r0, int width, int from, int n) {
-  for (int r = r0; r < r0 + width; r++)
-    for (int i = from; i <= n; i++)
-      if (x[r][i] == 0.0f && std::signbit(x[r][i])) return true;
-  return false;
+// Whether any of v[from .. n] is -0.0.
+ROW_LOOP bool has_negative_zero(const float *v, int from, int n) {
+  const float_bits *w = reinterpret_cast<const float_bits *>(v);
+  int found = 0;
+  for (int i = from; i <= n; i++) found |= w[i] == 0x80000000u;
+  return found != 0;
 }
 
 // The first pivot whose steps can change a block of right-hand sides that
@@ -401,42 +417,42 @@ int first_active_pivot(const std::vector<int> &last_unplain, int z, bool negativ
 }
 
 // Between rows x[r0 .. r0+width-1][1..n] and the block s[1..n][0..width-1]:
-// into s when `into_s`, back into x otherwise.  Done in squares of
-// TRANSPOSE_TILE, so that each cache line of x touched is used whole.
+// into s when `into_s`, back into x otherwise.
 void transpose_block(float **x, int r0, int width, float *const *s, int n, bool into_s) {
-  for (int i0 = 1; i0 <= n; i0 += TRANSPOSE_TILE) {
-    const int i1 = i0 + TRANSPOSE_TILE - 1 < n ? i0 + TRANSPOSE_TILE - 1 : n;
-    for (int l0 = 0; l0 < width; l0 += TRANSPOSE_TILE) {
-      const int l1 = l0 + TRANSPOSE_TILE < width ? l0 + TRANSPOSE_TILE : width;
-      for (int l = l0; l < l1; l++) {
-        float *xl = x[r0 + l];
-        if (into_s)
-          for (int i = i0; i <= i1; i++) s[i][l] = xl[i];
-        else
-          for (int i = i0; i <= i1; i++) xl[i] = s[i][l];
-      }
-    }
-  }
+  if (into_s)
+    transpose_floats(s + 1, 0, x + r0, 1, n, width);
+  else
+    transpose_floats(x + r0, 1, s + 1, 0, width, n);
 }
 
 // Solve the right-hand sides x[r0 .. r0+width-1] side by side: transposed
-// into s (row i holds entry i of each, ld floats apart), the forward steps
+// into s (row i holds entry i of each, in lanes 0 .. wl-1, wl a multiple of
+// the vector width), the forward steps
 // replayed panel by panel, back substitution, transposed back.  Rows of the
 // forward part below `skip` are left out (their steps only meet +0.0), and
-// so are the steps of pivots below `kstart` (see first_active_pivot).
-void solve_block(float **a, int n, float **x, int r0, int width, int ld, int skip, int kstart,
+// so are, for each right-hand side l, the steps of pivots below start[l]
+// (see first_active_pivot): a panel takes the right-hand sides up to the
+// last one whose steps have begun.
+void solve_block(float **a, int n, float **x, int r0, int width, int wl, int skip, const int *start,
                  float *const *s, float *work) {
   transpose_block(x, r0, width, s, n, true);
   for (int i = 1; i <= n; i++)
-    for (int l = width; l < ld; l++) s[i][l] = 0.0f;
+    for (int l = width; l < wl; l++) s[i][l] = 0.0f;
+  int kstart = n;
+  for (int l = 0; l < width; l++) kstart = start[l] < kstart ? start[l] : kstart;
+  const int tw = replay_tile_cols();
   for (int k0 = kstart; k0 <= n - 1; k0 += PANEL) {
     const int k1 = k0 + PANEL - 1 < n - 1 ? k0 + PANEL - 1 : n - 1;
     const int ilo = skip > k0 + 1 ? skip : k0 + 1;
     if (ilo > n) continue;
-    StepReplay p{a, s, 0, ld, n, k0, k1, ilo, false};
+    int active = 0;
+    for (int l = 0; l < width; l++)
+      if (start[l] <= k1) active = l + 1;
+    const int ncols = (active + tw - 1) / tw * tw < wl ? (active + tw - 1) / tw * tw : wl;
+    StepReplay p{a, s, 0, ncols, n, k0, k1, ilo, false};
     replay_steps(p, work);
   }
-  back_substitute(a, n, s, ld);
+  back_substitute(a, n, s, wl);
   transpose_block(x, r0, width, s, n, false);
 }
 
@@ -466,49 +482,53 @@ void solvelu_many(float **a, int n, float **x, int nrhs) {
   // Enough blocks to keep every thread busy.
   const int per_thread = (nrhs + threads - 1) / threads;
   if (block > per_thread) block = (per_thread + lanes - 1) / lanes * lanes;
-  const int ld = (block + lanes - 1) / lanes * lanes;
+  const int wl = (block + lanes - 1) / lanes * lanes;
+  // One vector more between rows: a stride of a power of two would put the
+  // entries of many rows in the same few cache sets.
+  const int ld = wl + lanes;
   const int nblocks = (nrhs + block - 1) / block;
   int count = threads < nblocks ? threads : nblocks;
   if ((long long)n * n * nrhs < 4000000LL) count = 1;
 
-  // Leading zeros of each block, and how far they may be trusted.
-  std::vector<int> skip(nblocks, n + 1);
+  // Leading zeros of each block and of each right-hand side, and how far
+  // they may be trusted; then the first pivot whose steps matter, for each.
+  std::vector<int> skip(nblocks, n + 1), zeros(nrhs + 1), start(nrhs + 1, 1);
   int deepest = 1;
   for (int b = 0; b < nblocks; b++) {
     for (int r = 1 + b * block; r <= nrhs && r <= (b + 1) * block; r++) {
-      int z = first_nonzero(x[r], n);
+      const int z = zeros[r] = first_nonzero(x[r], n);
       if (z < skip[b]) skip[b] = z;
+      if (z > deepest) deepest = z;
     }
-    if (skip[b] > deepest) deepest = skip[b];
   }
-  const int nan_row = deepest > 2 ? first_nan_row(a, deepest) : deepest;
-  for (int &z : skip)
-    if (z > nan_row) z = nan_row;
-  std::vector<int> kstart(nblocks, 1);
   if (deepest > 2) {
-    const std::vector<int> last_unplain = last_unplain_rows(a, n);
-    for (int b = 0; b < nblocks; b++) {
-      const int r0 = 1 + b * block;
-      const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
-      kstart[b] = first_active_pivot(last_unplain, skip[b], has_negative_zero(x, r0, width, skip[b], n));
+    const MultiplierSummary sum = summarise_multipliers(a, n);
+    for (int &z : skip)
+      if (z > sum.first_nan_row) z = sum.first_nan_row;
+    for (int r = 1; r <= nrhs; r++) {
+      const int z = zeros[r] < sum.first_nan_row ? zeros[r] : sum.first_nan_row;
+      start[r] = first_active_pivot(sum.last_unplain, z, has_negative_zero(x[r], z, n));
     }
   }
 
   auto job = [&](int t) {
     const int b0 = (int)((long long)nblocks * t / count), b1 = (int)((long long)nblocks * (t + 1) / count);
     if (b1 <= b0) return;
-    Buffer s((size_t)n * ld), work(replay_work_floats(PANEL));
-    std::vector<float *> rows(n + 1);
-    if (!s.p || !work.p) {  // no room to work in blocks: one at a time
+    // A matrix of this program's own kind: large ones get huge pages, which
+    // the walks down its rows need.
+    float **s = matrix(1, n, 0, ld - 1);
+    Buffer work(replay_work_floats(PANEL));
+    if (!s || !work.p) {  // no room to work in blocks: one at a time
+      if (s) free_matrix(s, 1, n, 0, ld - 1);
       for (int r = 1 + b0 * block; r <= nrhs && r <= b1 * block; r++) solvelu(a, n, x[r]);
       return;
     }
-    for (int i = 1; i <= n; i++) rows[i] = s.p + (size_t)(i - 1) * ld;
     for (int b = b0; b < b1; b++) {
       const int r0 = 1 + b * block;
       const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
-      solve_block(a, n, x, r0, width, ld, skip[b], kstart[b], rows.data(), work.p);
+      solve_block(a, n, x, r0, width, (width + lanes - 1) / lanes * lanes, skip[b], &start[r0], s, work.p);
     }
+    free_matrix(s, 1, n, 0, ld - 1);
   };
   if (count == 1)
     job(0);

@@ -73,6 +73,38 @@ struct V {
 };
 constexpr int TILE_V = 2, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
 #include "numeric/lukernels_body.inc"
+
+// Eight rows of eight floats, src[j] + c .. + 7, become the eight columns
+// of dst[j] + d .. + 7: moves only, every bit kept.
+inline void transpose8(float *const *dst, int d, const float *const *src, int c) {
+  __m256 r0 = _mm256_loadu_ps(src[0] + c), r1 = _mm256_loadu_ps(src[1] + c), r2 = _mm256_loadu_ps(src[2] + c),
+         r3 = _mm256_loadu_ps(src[3] + c), r4 = _mm256_loadu_ps(src[4] + c), r5 = _mm256_loadu_ps(src[5] + c),
+         r6 = _mm256_loadu_ps(src[6] + c), r7 = _mm256_loadu_ps(src[7] + c);
+  __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1), t2 = _mm256_unpacklo_ps(r2, r3),
+         t3 = _mm256_unpackhi_ps(r2, r3), t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5),
+         t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
+  __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE),
+         u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE),
+         u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE),
+         u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+  _mm256_storeu_ps(dst[0] + d, _mm256_permute2f128_ps(u0, u4, 0x20));
+  _mm256_storeu_ps(dst[1] + d, _mm256_permute2f128_ps(u1, u5, 0x20));
+  _mm256_storeu_ps(dst[2] + d, _mm256_permute2f128_ps(u2, u6, 0x20));
+  _mm256_storeu_ps(dst[3] + d, _mm256_permute2f128_ps(u3, u7, 0x20));
+  _mm256_storeu_ps(dst[4] + d, _mm256_permute2f128_ps(u0, u4, 0x31));
+  _mm256_storeu_ps(dst[5] + d, _mm256_permute2f128_ps(u1, u5, 0x31));
+  _mm256_storeu_ps(dst[6] + d, _mm256_permute2f128_ps(u2, u6, 0x31));
+  _mm256_storeu_ps(dst[7] + d, _mm256_permute2f128_ps(u3, u7, 0x31));
+}
+
+void transpose_avx2(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols) {
+  const int r8 = rows / 8 * 8, c8 = cols / 8 * 8;
+  for (int i = 0; i < r8; i += 8)
+    for (int l = 0; l < c8; l += 8) transpose8(dst + i, dcol + l, src + l, scol + i);
+  // The edges, one at a time.
+  for (int i = 0; i < rows; i++)
+    for (int l = i < r8 ? c8 : 0; l < cols; l++) dst[i][dcol + l] = src[l][scol + i];
+}
 }  // namespace lu_avx2
 #pragma GCC pop_options
 
@@ -177,4 +209,12 @@ void back_substitute(float *const *a, int n, float *const *s, int width) {
   if (current_level == 1) return lu_avx2::back(a, n, s, width);
 #endif
   lu_portable::back(a, n, s, width);
+}
+
+void transpose_floats(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols) {
+#if LU_X86_KERNELS
+  if (current_level >= 1) return lu_avx2::transpose_avx2(dst, dcol, src, scol, rows, cols);
+#endif
+  for (int i = 0; i < rows; i++)
+    for (int l = 0; l < cols; l++) dst[i][dcol + l] = src[l][scol + i];
 }

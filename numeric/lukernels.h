@@ -62,3 +62,7 @@ int replay_lanes();
 // right-hand sides held side by side: s[i][0 .. width-1] is entry i of each.
 // Every lane comes out as the single-vector back substitution leaves it.
 void back_substitute(float *const *a, int n, float *const *s, int width);
+
+// dst[i][dcol + l] = src[l][scol + i] for i < rows, l < cols: the rows of
+// src become the columns of dst, bit for bit.
+void transpose_floats(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols);
