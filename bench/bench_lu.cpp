@@ -190,13 +190,14 @@ void BM_Invert(benchmark::State &st) {
   CpuClock cpu;
   for (auto _ : st) {
     cpu.resume();
+    const LuSolveInfo info = lu_solve_info(a.a, n);
     for (int c0 = 1; c0 <= n; c0 += block) {
       const int count = n - c0 + 1 < block ? n - c0 + 1 : block;
       for (int r = 1; r <= count; r++) {
         memset(&x[r][1], 0, n * sizeof(float));
         x[r][c0 + r - 1] = 1.0f;
       }
-      solvelu_many(a.a, n, x, count);
+      solvelu_many(a.a, n, x, count, &info);
     }
     cpu.pause();
     benchmark::ClobberMemory();

@@ -47,6 +47,10 @@ void b_invert(float **b, float ***bi_out, int nel, int n) {
       col_k[c] = k;
     }
 
+  // The solves of every block go through the same factors: what they need
+  // to know of them is found out once.
+  const LuSolveInfo info = lu_solve_info(b, n);
+  const LuSolveInfo iso_info = s != -1 ? lu_solve_info(iso_b, iso_totpnt) : LuSolveInfo{};
   const bool show = n > 25;
   for (int c0 = 1; c0 <= n; c0 += INVERT_BLOCK) {
     const int count = n - c0 + 1 < INVERT_BLOCK ? n - c0 + 1 : INVERT_BLOCK;
@@ -65,7 +69,7 @@ void b_invert(float **b, float ***bi_out, int nel, int n) {
         iso_rows[++niso] = w[j];
       }
     }
-    if (niso > 0) solvelu_many(iso_b, iso_totpnt, iso_rows, niso);
+    if (niso > 0) solvelu_many(iso_b, iso_totpnt, iso_rows, niso, &iso_info);
     for (int j = 1; j <= count; j++) {
       c = c0 + j - 1;
       const int i = col_if[c];
@@ -74,7 +78,7 @@ void b_invert(float **b, float ***bi_out, int nel, int n) {
         for (int p = 1; p <= iso_len; p++) r[j][o_s + p] = ratio * (r[j][o_s + p] - f * w[j][p]);
     }
 
-    solvelu_many(b, n, r, count);
+    solvelu_many(b, n, r, count, &info);
 
     for (int j = 1; j <= count; j++) {
       c = c0 + j - 1;

@@ -368,30 +368,10 @@ int first_nonzero(const float *v, int n) {
   return n + 1;
 }
 
-// What the solves need to know of the multipliers, for each column k the
-// last row i holding one that is not plain (!(|m| <= 1): an exchange in the
-// solves, or NaN), 0 if none; and the first row holding a NaN (n + 1 if
-// none).  One pass over the lower triangle.
-struct MultiplierSummary {
-  std::vector<int> last_unplain;
-  int first_nan_row;
-};
-
 ROW_LOOP bool row_has_nan(const float *ai, int k1) {
   int nan = 0;
   for (int k = 1; k <= k1; k++) nan |= ai[k] != ai[k];
   return nan != 0;
-}
-
-ROW_LOOP MultiplierSummary summarise_multipliers(float **a, int n) {
-  MultiplierSummary sum{std::vector<int>(n + 1, 0), n + 1};
-  int *lk = sum.last_unplain.data();
-  for (int i = 2; i <= n; i++) {
-    const float *ai = a[i];
-    for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
-    if (sum.first_nan_row > n && row_has_nan(ai, i - 1)) sum.first_nan_row = i;
-  }
-  return sum;
 }
 
 // Whether any of v[from .. n] is -0.0.
@@ -427,14 +407,14 @@ void transpose_block(float **x, int r0, int width, float *const *s, int n, bool 
 
 // Solve the right-hand sides x[r0 .. r0+width-1] side by side: transposed
 // into s (row i holds entry i of each, in lanes 0 .. wl-1, wl a multiple of
-// the vector width), the forward steps
-// replayed panel by panel, back substitution, transposed back.  Rows of the
-// forward part below `skip` are left out (their steps only meet +0.0), and
-// so are, for each right-hand side l, the steps of pivots below start[l]
-// (see first_active_pivot): a panel takes the right-hand sides up to the
-// last one whose steps have begun.
+// the vector width), the forward steps replayed panel by panel, back
+// substitution, transposed back.  Rows of the forward part below `skip` are
+// left out (their steps only meet +0.0), and so are, for each right-hand
+// side l, the steps of pivots below start[l] (see first_active_pivot): a
+// panel takes the right-hand sides up to the last one whose steps have
+// begun.  info (or null) tells which panels need no look for exchanges.
 void solve_block(float **a, int n, float **x, int r0, int width, int wl, int skip, const int *start,
-                 float *const *s, float *work) {
+                 const LuSolveInfo *info, float *const *s, float *work) {
   transpose_block(x, r0, width, s, n, true);
   for (int i = 1; i <= n; i++)
     for (int l = width; l < wl; l++) s[i][l] = 0.0f;
@@ -450,6 +430,10 @@ void solve_block(float **a, int n, float **x, int r0, int width, int wl, int ski
       if (start[l] <= k1) active = l + 1;
     const int ncols = (active + tw - 1) / tw * tw < wl ? (active + tw - 1) / tw * tw : wl;
     StepReplay p{a, s, 0, ncols, n, k0, k1, ilo, false};
+    if (info) {  // the panel's steps at rows ilo on plain throughout?
+      p.plain = true;
+      for (int k = k0; k <= k1; k++) p.plain = p.plain && info->last_unplain[k] < ilo;
+    }
     replay_steps(p, work);
   }
   back_substitute(a, n, s, wl);
@@ -458,8 +442,22 @@ void solve_block(float **a, int n, float **x, int r0, int width, int wl, int ski
 
 }  // namespace
 
+// a: factors from ludec.  Returns what solvelu_many needs to know of them;
+// one pass over the lower triangle.
+ROW_LOOP LuSolveInfo lu_solve_info(float **a, int n) {
+  LuSolveInfo info{std::vector<int>(n + 1 > 1 ? n + 1 : 1, 0), n + 1};
+  int *lk = info.last_unplain.data();
+  for (int i = 2; i <= n; i++) {
+    const float *ai = a[i];
+    for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
+    if (info.first_nan_row > n && row_has_nan(ai, i - 1)) info.first_nan_row = i;
+  }
+  return info;
+}
+
 // a: factors from ludec.  x[1..nrhs][1..n]: on input one right-hand side per
-// row, on output the solutions, row for row as solvelu gives them.
+// row, on output the solutions, row for row as solvelu gives them.  info:
+// lu_solve_info of these factors, or null to find it out here if needed.
 //
 // The right-hand sides are taken in blocks, transposed so that one step of
 // the elimination is one vector operation across the block.  A block whose
@@ -468,7 +466,7 @@ void solve_block(float **a, int n, float **x, int r0, int width, int wl, int ski
 // step meets two +0.0 entries and leaves them +0.0 (an fmaf of +0.0 by a
 // finite multiplier, or an exchange, cannot make anything else), unless a
 // multiplier there is NaN, which is checked for.
-void solvelu_many(float **a, int n, float **x, int nrhs) {
+void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info) {
   if (n < 1 || nrhs < 1) return;
   if (nrhs < MANY_MIN_RHS) {
     for (int r = 1; r <= nrhs; r++) solvelu(a, n, x[r]);
@@ -501,13 +499,14 @@ void solvelu_many(float **a, int n, float **x, int nrhs) {
       if (z > deepest) deepest = z;
     }
   }
+  LuSolveInfo found;
   if (deepest > 2) {
-    const MultiplierSummary sum = summarise_multipliers(a, n);
+    if (!info) found = lu_solve_info(a, n), info = &found;
     for (int &z : skip)
-      if (z > sum.first_nan_row) z = sum.first_nan_row;
+      if (z > info->first_nan_row) z = info->first_nan_row;
     for (int r = 1; r <= nrhs; r++) {
-      const int z = zeros[r] < sum.first_nan_row ? zeros[r] : sum.first_nan_row;
-      start[r] = first_active_pivot(sum.last_unplain, z, has_negative_zero(x[r], z, n));
+      const int z = zeros[r] < info->first_nan_row ? zeros[r] : info->first_nan_row;
+      start[r] = first_active_pivot(info->last_unplain, z, has_negative_zero(x[r], z, n));
     }
   }
 
@@ -526,7 +525,7 @@ void solvelu_many(float **a, int n, float **x, int nrhs) {
     for (int b = b0; b < b1; b++) {
       const int r0 = 1 + b * block;
       const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
-      solve_block(a, n, x, r0, width, (width + lanes - 1) / lanes * lanes, skip[b], &start[r0], s, work.p);
+      solve_block(a, n, x, r0, width, (width + lanes - 1) / lanes * lanes, skip[b], &start[r0], info, s, work.p);
     }
     free_matrix(s, 1, n, 0, ld - 1);
   };

@@ -3,6 +3,8 @@
 // All matrices and vectors are one-based float arrays (numeric/nrutils.h).
 #pragma once
 
+#include <vector>
+
 // Factorise a[1..n][1..n] in place.  On output the upper triangle holds U and
 // a[i][k] (k < i) the multiplier of the step in which row i was eliminated
 // against row k; |a[i][k]| > 1 records that the two rows were exchanged.
@@ -25,12 +27,24 @@ float mnorm1(float **a, int n);
 // Sum of absolute values of v[1..n].
 float vnorm1(const float *v, int n);
 
+// What solvelu_many learns from the factors before it can skip work: for
+// each column k the last row holding a multiplier that is not plain
+// (!(|m| <= 1)), and the first row holding a NaN.  A caller that solves with
+// the same factors many times may find it out once (lu_solve_info) and hand
+// it to every call; it must then not change the factors in between.
+struct LuSolveInfo {
+  std::vector<int> last_unplain;  // [1..n], 0 where none
+  int first_nan_row = 0;          // n + 1 when none
+};
+LuSolveInfo lu_solve_info(float **a, int n);
+
 // Solve for nrhs right-hand sides at once.  a holds the factors from ludec;
 // x[1..nrhs][1..n] holds one right-hand side per ROW on input and the
 // corresponding solution in the same row on output.  Every row comes out bit
 // for bit as solvelu would leave it.  Leading entries that are exactly +0.0
 // (unit columns of an inversion, say) cost nothing in the forward part.
-void solvelu_many(float **a, int n, float **x, int nrhs);
+// info: lu_solve_info(a, n) of these very factors, or null.
+void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info = nullptr);
 
 // Threads used by ludec and solvelu_many: 0 (the default) means one per
 // hardware thread.  The results do not depend on the number.

@@ -31,6 +31,9 @@ struct StepReplay {
   int k0, k1;
   int ilo;
   bool lu_rule;
+  // Set when no multiplier of these steps (rows ilo .. n) is other than
+  // plain, |m| <= 1: the kernels need not look for exchanges.
+  bool plain = false;
 };
 
 // Instruction-set levels: 0 portable C++, 1 AVX2 with FMA, 2 AVX-512.
