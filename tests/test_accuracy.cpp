@@ -1,12 +1,12 @@
 // Accuracy of the boundary-element solution against analytic potentials of
 // concentric spheres: the system matrix is assembled and factorised in
-// process, the source terms of dipoles on the z axis are solved through it
-// and read at every vertex of the outer sphere.  The reference figures
-// (RDM, MAG) come from an independent double-precision evaluation of the
-// same method on the same kind of meshes, not from this program; 25 % is
-// left for how the mesh generator places the icosahedron.
+// process, the source terms of dipoles on the z axis solved through it and
+// read at every vertex of the outer sphere.  The reference figures (RDM, MAG)
+// come from an independent double-precision evaluation of the same method on
+// the same kind of meshes; 25 % is left for how the icosahedron is placed.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <filesystem>
 
 #include "forwinv/bmatrix.h"
@@ -19,18 +19,35 @@
 #include "tests/support/g3_mat.h"
 #include "tests/support/h1_model.h"
 
+// The references themselves: the series against the closed form of one
+// sphere, equal shells as one sphere, and the two figures on known vectors.
+TEST(AnalyticSphere, SeriesMatchesClosedFormAndFiguresAreRight) {
+  for (const Vec3 &r0 : {Vec3{0, 0, 0.2}, Vec3{0.3, -0.5, 0.6}, Vec3{0.9, 0.1, -0.2}})
+    for (const Vec3 &p : {Vec3{0, 0, 1}, Vec3{0.3, -0.7, 0.2}})
+      for (double theta : {0.1, 2.0, 3.1}) {
+        const Vec3 r = {1.3 * sin(theta) * cos(3 * theta), 1.3 * sin(theta) * sin(3 * theta), 1.3 * cos(theta)};
+        const double closed = homogeneous_sphere_potential(1.3, 0.7, r0, p, r);
+        EXPECT_NEAR(sphere_potential({1.3}, {0.7}, r0, p, r, 800), closed, 1e-9 * (1 + fabs(closed)));
+      }
+  const Vec3 r0 = {0.1, 0.2, 0.4}, p = {0.5, -1, 0.25}, r = {0.6, 0, 0.8};
+  EXPECT_NEAR(sphere_potential({0.7, 0.9, 1.0}, {2, 2, 2}, r0, p, r), homogeneous_sphere_potential(1, 2, r0, p, r),
+              1e-10);
+  const std::vector<double> u = {1, 2, 3, 4};
+  EXPECT_NEAR(rdm(u, {12, 14, 16, 18}), 0, 1e-15);  // scale and offset do not count
+  EXPECT_NEAR(mag(u, {2, 4, 6, 8}), 0.5, 1e-15);
+  EXPECT_NEAR(rdm(u, {4, 3, 2, 1}), 2, 1e-15);
+}
+
 namespace {
 
 const double ECC[] = {0.1, 0.5, 0.8};
-
 struct Figures {
   double rdm, mag;
 };
 
-// Concentric level-3 spheres of radii[i] (outermost first, iso the
-// isolated-source one or -1), all vertices of the first as electrodes; then
-// for each eccentricity k of radius radii.back(), the figures of the x and
-// z components of the dipole there against the series.
+// Concentric level-3 spheres (outermost first; iso the isolated-source one
+// or -1), all vertices of the first as electrodes; for each eccentricity k of
+// the innermost radius, the figures of the x [0] and z [1] dipoles there.
 std::vector<std::array<Figures, 2>> solve(const std::vector<double> &radii, const std::vector<double> &sigma,
                                           int iso) {
   std::vector<h1::Surface> s;
@@ -58,9 +75,8 @@ std::vector<std::array<Figures, 2>> solve(const std::vector<double> &radii, cons
   sphi2trans(b, nullptr, x, 9, t, 0);
   testing::internal::GetCapturedStdout();
   free_matrix(b, 1, totpnt, 1, totpnt);
-  b = nullptr;
+  b = nullptr, el = nullptr;
   std::vector<double> radii_up(radii.rbegin(), radii.rend()), sigma_up(sigma.rbegin(), sigma.rend());
-  el = nullptr;
   std::vector<std::array<Figures, 2>> out(3);
   for (int k = 0; k < 3; k++)
     for (int z : {0, 1}) {
@@ -90,10 +106,9 @@ TEST(Accuracy, HomogeneousSphere642) {
   }
 }
 
-// Without the isolated-source approach the poorly conducting skull costs
-// accuracy that grows with eccentricity; with it the errors are far smaller
-// and the magnitude falls just below one.  The isolated-source step leaves
-// its scratch file in the working folder.
+// The poorly conducting skull costs accuracy that grows with eccentricity;
+// the isolated-source approach makes the errors far smaller (magnitude just
+// below one).  It leaves its scratch file in the working folder.
 TEST(Accuracy, ThreeShellsWithAndWithoutIsolatedSource642) {
   TempDir dir;
   const auto here = std::filesystem::current_path();

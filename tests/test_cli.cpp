@@ -13,9 +13,12 @@
 
 namespace {
 
-// Parse a command line given as words after the program name, from the
-// defaults.
-int parse(std::vector<std::string> words) {
+// Parse the words after the program name from the defaults, with `answers`
+// waiting on standard input.
+int parse(std::vector<std::string> words, const std::string &answers = "") {
+  TempDir dir;
+  write_file(dir.file("in"), answers);
+  if (!freopen(dir.file("in").c_str(), "r", stdin)) ADD_FAILURE() << "no standard input";
   bound_func = bound_compart;
   bound_crit = 0.707f;
   solname[0] = '\0';
@@ -25,33 +28,23 @@ int parse(std::vector<std::string> words) {
   return parse_options((int)words.size() + 1, argv.data());
 }
 
-// parse() reading `answers` on standard input.
-int parse_answering(const std::string &answers, std::vector<std::string> words) {
-  TempDir dir;
-  write_file(dir.file("in"), answers);
-  if (!freopen(dir.file("in").c_str(), "r", stdin)) ADD_FAILURE() << "no standard input";
-  return parse(words);
-}
-
 TEST(CommandLine, AcceptedLines) {
-  using B = decltype(bound_func);
   const struct {
     std::vector<std::string> words;
     int mode;
-    B bound;
+    decltype(bound_func) bound;
     float crit;
     const char *solname;
   } cases[] = {
       {{}, MODE_COMPUTE, bound_compart, 0.707f, ""},
-      {{"-i", "head.ama"}, MODE_STORE_AMA, bound_compart, 0.707f, "head.ama"},
-      {{"-i", "-f"}, MODE_STORE_AMA, bound_compart, 0.707f, "-f"},  // the next word, whatever it is
+      {{"-i", "-f"}, MODE_STORE_AMA, bound_compart, 0.707f, "-f"},    // the next word, whatever it is
       {{"-Input", "x"}, MODE_STORE_AMA, bound_compart, 0.707f, "x"},  // only the second character counts
       {{"-Free"}, MODE_COMPUTE, bound_null, 0.707f, ""},
       {{"-d"}, MODE_COMPUTE, bound_dist, 0.707f, ""},
       {{"-D", "30"}, MODE_COMPUTE, bound_dist, std::sqrt(0.7f), ""},
       {{"-d", "0"}, MODE_COMPUTE, bound_dist, 1.0f, ""},
       {{"-d", "100"}, MODE_COMPUTE, bound_dist, 0.0f, ""},
-      {{"-d30"}, MODE_COMPUTE, bound_dist, 0.707f, ""},  // an attached value is never read
+      {{"-d30"}, MODE_COMPUTE, bound_dist, 0.707f, ""},              // an attached value is never read
       {{"-d", "-i", "x"}, MODE_STORE_AMA, bound_dist, 0.707f, "x"},  // an option is not the value
   };
   for (const auto &c : cases) {
@@ -61,18 +54,14 @@ TEST(CommandLine, AcceptedLines) {
     EXPECT_FLOAT_EQ(bound_crit, c.crit);
     EXPECT_STREQ(solname, c.solname);
   }
-}
-
-TEST(CommandLine, StoreModeAsksForTheNameWhenItIsLast) {
+  // -i last asks for the name; an empty answer quits, the end of input fails.
   testing::internal::CaptureStdout();
-  const int mode = parse_answering("typed.ama\n", {"-f", "-i"});
+  EXPECT_EQ(parse({"-f", "-i"}, "typed.ama\n"), MODE_STORE_AMA);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "File to save inverted A-matrix in: ");
-  EXPECT_EQ(mode, MODE_STORE_AMA);
   EXPECT_STREQ(solname, "typed.ama");
   EXPECT_EQ(bound_func, bound_null);
-  // An empty answer quits; the end of input fails.
-  EXPECT_EXIT(parse_answering("\n", {"-i"}), testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(parse_answering("", {"-i"}), testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(parse({"-i"}, "\n"), testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(parse({"-i"}), testing::ExitedWithCode(1), "");
 }
 
 TEST(CommandLine, UsageErrorsPrintTheUsageTextAndExitWithOne) {
@@ -82,8 +71,7 @@ TEST(CommandLine, UsageErrorsPrintTheUsageTextAndExitWithOne) {
   ASSERT_EQ(usage.substr(0, 54), "\nUsage:\nbrelix [-i] [ -f | -d [<value>] ] [filename]\n\n");
   ASSERT_EQ(usage.substr(usage.size() - 53), "is replaced by the optional value (in %) if given.\n\n\n");
   const std::vector<std::vector<std::string>> bad = {
-      {"-c"},       {"-x"},       {"-"},        {"-i", "a", "-i", "b"}, {"-f", "-d"},
-      {"-d", "-f"}, {"-f", "-f"}, {"-d", "-d"}, {"-F", "-f"},           {"-d", "150"},
+      {"-c"}, {"-"}, {"-i", "a", "-i", "b"}, {"-f", "-d"}, {"-d", "-f"}, {"-f", "-f"}, {"-d", "-d"}, {"-d", "150"},
       {std::string(80, 'a')},  // too long a name for a stored matrix
   };
   for (const auto &words : bad) {
@@ -91,8 +79,8 @@ TEST(CommandLine, UsageErrorsPrintTheUsageTextAndExitWithOne) {
     EXPECT_EXIT(parse(words), testing::ExitedWithCode(1), "") << words[0];
     EXPECT_EQ(testing::internal::GetCapturedStdout(), usage) << words[0];
   }
-  // A word that is no stored matrix: "-d" followed by a word that does not
-  // start with a digit, or by ".5", leaves it to be read as one.
+  // A word that is no stored matrix; after -d a word that does not start
+  // with a digit, or ".5", is read as one.
   for (auto words : std::vector<std::vector<std::string>>{{"missing.ama"}, {"-d", "missing.ama"}, {"-d", ".5"}}) {
     testing::internal::CaptureStdout();
     EXPECT_EXIT(parse(words), testing::ExitedWithCode(1), "");

@@ -1,11 +1,7 @@
-// Locates sources in a fixed model of two nested spheres and prints the
-// compartment table, so that tests can check the per-source lines and the
-// fatal exit on unacceptable positions.
-//   geo[0] "outer.tri": radius 2;  geo[1] "inner.tri": radius 1 (42 vertices
-//   each, centred on the origin).
-// Standard input: the isolated-source interface (-1 for none) on the first
-// line, then one source per line, either "x y z" or "v i k" for a source
-// placed exactly on vertex k of interface i.
+// Locates sources in two nested spheres of 42 vertices, geo[0] "outer.tri"
+// of radius 2 and geo[1] "inner.tri" of radius 1, and prints the compartment
+// table.  Standard input: the isolated-source interface (-1: none), then one
+// source per line, "x y z" or "v i k" for vertex k of interface i.
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -19,8 +15,7 @@ static void set_sphere(int i, const char *name, double radius) {
   TriMesh m = icosphere(1, radius);
   Interface &g = geo[i];
   snprintf(g.name, sizeof g.name, "%s", name);
-  g.npnt = (int)m.pnt.size();
-  g.ndhk = (int)m.dhk.size();
+  g.npnt = (int)m.pnt.size(), g.ndhk = (int)m.dhk.size();
   g.pnt = new float[g.npnt][3];
   g.dhk = new int32_t[g.ndhk][3];
   for (int k = 0; k < g.npnt; k++)
@@ -35,9 +30,7 @@ int main() {
   set_sphere(0, "outer.tri", 2.0);
   set_sphere(1, "inner.tri", 1.0);
   ngeo = 2;
-  geocon[0][0] = geocon[1][1] = 1;
-  geocon[1][0] = 2;
-  geocon[0][1] = 0;
+  geocon[0][0] = geocon[1][1] = 1, geocon[1][0] = 2, geocon[0][1] = 0;
 
   char line[200];
   if (!fgets(line, sizeof line, stdin) || sscanf(line, "%d", &iso_sur) != 1) return 2;
@@ -48,16 +41,13 @@ int main() {
     int gi, k;
     if (sscanf(line, " v %d %d", &gi, &k) == 2) {
       if (gi < 0 || gi >= ngeo || k < 0 || k >= geo[gi].npnt) return 2;
-      s.x = geo[gi].pnt[k][0];
-      s.y = geo[gi].pnt[k][1];
-      s.z = geo[gi].pnt[k][2];
+      s.x = geo[gi].pnt[k][0], s.y = geo[gi].pnt[k][1], s.z = geo[gi].pnt[k][2];
     } else if (sscanf(line, "%f %f %f", &s.x, &s.y, &s.z) != 3) {
       continue;
     }
     src.push_back(s);
   }
-  source = src.data();
-  nsource = (int)src.size();
+  source = src.data(), nsource = (int)src.size();
 
   locate_sources();
   printf("== comp");

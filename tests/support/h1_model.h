@@ -19,35 +19,28 @@ namespace h1 {
 struct Surface {
   std::string name;
   TriMesh mesh;
-  float sigma_in = 1.0f;
-  float sigma_out = 0.0f;
+  float sigma_in = 1.0f, sigma_out = 0.0f;
 };
 
-// Fill geo[0..n-1] from the surfaces (arrays from calloc; those of an
-// earlier model are freed) and set ngeo, totpnt and totdhk.
+// Fill geo[0..n-1] from the surfaces (arrays from calloc, those of an earlier
+// model freed) and set ngeo, totpnt and totdhk.
 inline void load_model(const std::vector<Surface> &s) {
   ngeo = (int)s.size();
   totpnt = totdhk = 0;
   for (int i = 0; i < MAXGEO; i++) {
     Interface &g = geo[i];
-    free(g.pnt);
-    free(g.dhk);
+    free(g.pnt), free(g.dhk);
     memset(&g, 0, sizeof g);
     if (i >= ngeo) continue;
     const TriMesh &m = s[i].mesh;
     snprintf(g.name, NAMELEN, "%s", s[i].name.c_str());
-    g.npnt = (int)m.pnt.size();
-    g.ndhk = (int)m.dhk.size();
+    g.npnt = (int)m.pnt.size(), g.ndhk = (int)m.dhk.size();
     g.pnt = static_cast<float(*)[3]>(calloc(g.npnt + 1, sizeof *g.pnt));
     g.dhk = static_cast<int32_t(*)[3]>(calloc(g.ndhk + 1, sizeof *g.dhk));
-    for (int k = 0; k < g.npnt; k++)
-      for (int d = 0; d < 3; d++) g.pnt[k][d] = m.pnt[k][d];
-    for (int t = 0; t < g.ndhk; t++)
-      for (int d = 0; d < 3; d++) g.dhk[t][d] = m.dhk[t][d];
-    g.sigma_in = s[i].sigma_in;
-    g.sigma_out = s[i].sigma_out;
-    totpnt += g.npnt;
-    totdhk += g.ndhk;
+    if (g.npnt) memcpy(g.pnt, m.pnt.data(), sizeof *g.pnt * g.npnt);
+    if (g.ndhk) memcpy(g.dhk, m.dhk.data(), sizeof *g.dhk * g.ndhk);
+    g.sigma_in = s[i].sigma_in, g.sigma_out = s[i].sigma_out;
+    totpnt += g.npnt, totdhk += g.ndhk;
   }
 }
 
@@ -59,10 +52,9 @@ std::string stdout_of(F f) {
   return testing::internal::GetCapturedStdout();
 }
 
-// The cube [-1,1]^3 with a vertex at the centre of every face (vertices 8
-// to 13, whose neighbourhoods are flat), four triangles per face, clockwise
-// seen from outside as the sphere meshes are.  Vertex k < 8 has coordinate
-// c = +1 where bit c of k is set, else -1.
+// The cube [-1,1]^3 with a vertex at the centre of every face (8 to 13, flat
+// neighbourhoods), four triangles per face, clockwise seen from outside as
+// the sphere meshes are.  Corner k has coordinate c = +1 where bit c is set.
 inline TriMesh cube() {
   TriMesh m;
   for (int k = 0; k < 8; k++) m.pnt.push_back({k & 1 ? 1.0f : -1.0f, k & 2 ? 1.0f : -1.0f, k & 4 ? 1.0f : -1.0f});
@@ -76,9 +68,8 @@ inline TriMesh cube() {
       int ring[4];  // counter-clockwise around the outward normal
       for (int q = 0; q < 4; q++) {
         std::array<float, 3> p = f;
-        p[ua] = du[q];
-        p[va] = dv[q] * s;
-        ring[q] = (p[0] > 0 ? 1 : 0) + (p[1] > 0 ? 2 : 0) + (p[2] > 0 ? 4 : 0);
+        p[ua] = du[q], p[va] = dv[q] * s;
+        ring[q] = (p[0] > 0) + 2 * (p[1] > 0) + 4 * (p[2] > 0);
       }
       for (int q = 0; q < 4; q++) m.dhk.push_back({centre, ring[(q + 1) % 4], ring[q]});
     }

@@ -1,8 +1,7 @@
 // Dipole fits on the three-shell sphere head through the built program,
 // against analytic potentials: the model files, the cases, the data and one
-// whole fit.  Shared by the accuracy tests (642 vertices per shell) and the
-// accuracy benchmark (2562).  Header-only, so that it adds nothing to the
-// support library's build.
+// whole fit.  Shared by the accuracy test (642 vertices per shell), the
+// inverse tests and the accuracy benchmark (2562).
 #pragma once
 
 #include <algorithm>
@@ -22,16 +21,11 @@
 
 namespace headfit {
 
-// Radii and conductivities from the inside out, as sphere_potential takes
-// them: brain, skull, scalp.
-inline const std::vector<double> RADII = {0.88, 0.92, 1.0};
-inline const std::vector<double> SIGMA = {1.0, 0.0125, 1.0};
-inline const double BRAIN = 0.88;
-inline const double OUTER = 1.0;
+// Brain, skull, scalp from the inside out, as sphere_potential takes them.
+inline const std::vector<double> RADII = {0.88, 0.92, 1.0}, SIGMA = {1.0, 0.0125, 1.0};
+inline const double BRAIN = 0.88, OUTER = 1.0;
 
-inline Vec3 add(const Vec3 &a, const Vec3 &b, double s = 1) {
-  return {a[0] + s * b[0], a[1] + s * b[1], a[2] + s * b[2]};
-}
+inline Vec3 add(const Vec3 &a, const Vec3 &b, double s = 1) { return {a[0] + s * b[0], a[1] + s * b[1], a[2] + s * b[2]}; }
 inline double dot(const Vec3 &a, const Vec3 &b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 inline double norm(const Vec3 &a) { return std::sqrt(dot(a, a)); }
 inline Vec3 unit(const Vec3 &a) { return add({0, 0, 0}, a, 1 / norm(a)); }
@@ -39,23 +33,19 @@ inline Vec3 cross(const Vec3 &a, const Vec3 &b) {
   return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
 }
 inline double angle_deg(const Vec3 &a, const Vec3 &b) {
-  double c = dot(a, b) / (norm(a) * norm(b));
-  return std::acos(std::max(-1.0, std::min(1.0, c))) * 180 / M_PI;
+  return std::acos(std::clamp(dot(a, b) / (norm(a) * norm(b)), -1.0, 1.0)) * 180 / M_PI;
 }
 
 // A source position file: the positions, then the constraint lines.
 inline std::string position_file(const std::vector<Vec3> &pos, const std::string &constraints) {
   std::string s = std::to_string(pos.size()) + "\n";
   char line[128];
-  for (size_t k = 0; k < pos.size(); k++) {
-    snprintf(line, sizeof line, "%zu %.6f %.6f %.6f\n", k + 1, pos[k][0], pos[k][1], pos[k][2]);
-    s += line;
-  }
+  for (size_t k = 0; k < pos.size(); k++)
+    s += (snprintf(line, sizeof line, "%zu %.6f %.6f %.6f\n", k + 1, pos[k][0], pos[k][1], pos[k][2]), line);
   return s + constraints;
 }
 
-// Write data[e][t] as a binary matrix file with a text tail; false when the
-// file could not be written.
+// data[e][t] as a binary matrix file with a text tail; false when not written.
 inline bool write_data(const std::string &path, const std::vector<std::vector<double>> &data,
                        const std::string &tail = "sample freq\n500 Hz\n") {
   const int rows = (int)data.size(), cols = rows ? (int)data[0].size() : 0;
@@ -63,30 +53,25 @@ inline bool write_data(const std::string &path, const std::vector<std::vector<do
   for (int e = 1; e <= rows; e++)
     for (int t = 1; t <= cols; t++) m[e][t] = (float)data[e - 1][t - 1];
   const bool ok = binputtailmatrix(path.c_str(), m, rows, cols, (int)tail.size(), tail.data()) == 1;
-  free_matrix(m, 1, rows, 1, cols);
-  return ok;
+  return free_matrix(m, 1, rows, 1, cols), ok;
 }
 
-// The fitted positions printed at the end of a stationary fit, one triple
-// per source; empty when the lines are missing.
+// The fitted positions printed at the end of a stationary fit, one per
+// source; empty when the lines are missing.
 inline std::vector<Vec3> final_positions(const std::string &out) {
   std::vector<Vec3> pos;
-  const std::string num = " *(-?[0-9]+\\.[0-9]{4})";
+  const std::string num = " *(-?[0-9]+\\.[0-9]{4})", triple = "\\(" + num + "," + num + "," + num + "\\)\n";
   std::smatch m;
-  const std::regex first("final positions?:  \\(" + num + "," + num + "," + num + "\\)\n");
-  if (!std::regex_search(out, m, first)) return pos;
-  pos.push_back({std::stod(m[1]), std::stod(m[2]), std::stod(m[3])});
-  const std::regex more("^                  \\(" + num + "," + num + "," + num + "\\)\n");
-  std::string rest = m.suffix();
-  while (std::regex_search(rest, m, more)) {
+  std::string rest = out;
+  for (std::regex line("final positions?:  " + triple); std::regex_search(rest, m, line);
+       line = std::regex("^                  " + triple)) {
     pos.push_back({std::stod(m[1]), std::stod(m[2]), std::stod(m[3])});
     rest = m.suffix();
   }
   return pos;
 }
 
-// One dipole at eccentricity `ecc` of the brain radius along `where`, of
-// moment `moment`.
+// One dipole at eccentricity `ecc` of the brain radius along `where`.
 struct Case {
   double ecc;
   Vec3 where, moment;
@@ -94,9 +79,8 @@ struct Case {
 
 inline Vec3 true_position(const Case &c) { return add({0, 0, 0}, unit(c.where), c.ecc * BRAIN); }
 
-// The start of the fit: 12 % of the outer radius off the truth, partly
-// inwards and partly sideways, so that it stays well inside the brain at
-// every eccentricity.
+// 12 % of the outer radius off the truth, partly inwards and partly
+// sideways, so that the start stays well inside the brain.
 inline Vec3 start_position(const Case &c) {
   const Vec3 side = unit(cross(c.where, {0.3, -0.5, 0.8}));
   return add(true_position(c), unit(add(side, unit(c.where), -0.5)), 0.12 * OUTER);
@@ -114,60 +98,48 @@ inline std::vector<Case> cases() {
   return list;
 }
 
-// Write scalp.tri, skull.tri and brain.tri with `vertices` vertices each;
-// the mesh of the scalp (whose vertices are the electrodes) is returned.
+// scalp.tri, skull.tri and brain.tri of `vertices` vertices each; returns
+// the scalp (whose vertices are the electrodes), empty on failure.
 inline TriMesh write_head(const TempDir &dir, int vertices) {
   const int level = icosphere_level(vertices);
   TriMesh scalp = icosphere(level, RADII[2]);
-  if (!write_trimesh(dir.file("scalp.tri"), scalp, true) ||
-      !write_trimesh(dir.file("skull.tri"), icosphere(level, RADII[1]), true) ||
-      !write_trimesh(dir.file("brain.tri"), icosphere(level, RADII[0]), true))
-    return {};
-  return scalp;
+  const bool ok = write_trimesh(dir.file("scalp.tri"), scalp, true) &&
+                  write_trimesh(dir.file("skull.tri"), icosphere(level, RADII[1]), true) &&
+                  write_trimesh(dir.file("brain.tri"), icosphere(level, RADII[0]), true);
+  return ok ? scalp : TriMesh{};
 }
 
-// The answers that describe the head: the brain surface is the
-// isolated-source interface, every scalp vertex an electrode.
-inline const std::string HEAD_ANSWERS = "scalp.tri\n1\nskull.tri\n0.0125\n!brain.tri\n1\n\n\n";
-
-// Store the inverted A matrix of the head in `name`.
+// Store the inverted A matrix of the head in `name`: the brain surface is
+// the isolated-source interface, every scalp vertex an electrode.
 inline ProcResult store_head(const TempDir &dir, const std::string &name, int timeout_s) {
-  return run_process(BRELIX_EXE, {"-i", name}, HEAD_ANSWERS, dir.path(), timeout_s);
-}
-
-// Analytic potentials of the dipole p at r0 on every vertex of the scalp,
-// one sample.
-inline std::vector<std::vector<double>> analytic_data(const TriMesh &scalp, const Vec3 &r0, const Vec3 &p) {
-  std::vector<std::vector<double>> data;
-  for (const auto &v : scalp.pnt) data.push_back({sphere_potential(RADII, SIGMA, r0, p, {v[0], v[1], v[2]})});
-  return data;
+  return run_process(BRELIX_EXE, {"-i", name}, "scalp.tri\n1\nskull.tri\n0.0125\n!brain.tri\n1\n\n\n", dir.path(),
+                     timeout_s);
 }
 
 struct Outcome {
   ProcResult run;
   bool ok = false;  // the run ended normally and the results were read
   Vec3 position{}, moment{};
-  double position_error = 0;  // distance from the truth
-  double moment_angle = 0;    // degrees
-  double strength_ratio = 0;  // fitted over true moment magnitude
+  double position_error = 0, moment_angle = 0, strength_ratio = 0;  // distance, degrees, fitted over true
 };
 
-// Fit case `c` through the stored matrix `ama`, with files named after
-// `tag` in the model folder.
+// Fit case `c` to its analytic potentials through the stored matrix `ama`,
+// with files named after `tag` in the model folder.
 inline Outcome fit_case(const TempDir &dir, const TriMesh &scalp, const std::string &ama, const Case &c,
                         const std::string &tag, int timeout_s) {
   Outcome o;
   const Vec3 truth = true_position(c);
   const std::string data = "data" + tag + ".mat", start = "start" + tag + ".pos", sol = "sol" + tag + ".mat";
-  if (!write_data(dir.file(data), analytic_data(scalp, truth, c.moment))) return o;
+  std::vector<std::vector<double>> potentials;
+  for (const auto &v : scalp.pnt) potentials.push_back({sphere_potential(RADII, SIGMA, truth, c.moment, {v[0], v[1], v[2]})});
+  if (!write_data(dir.file(data), potentials)) return o;
   write_file(dir.file(start), position_file({start_position(c)}, "1 position stationary\n"));
   o.run = run_process(BRELIX_EXE, {ama}, start + "\n" + data + "\n" + sol + "\n\n\n", dir.path(), timeout_s);
   std::vector<Vec3> pos = final_positions(o.run.out);
   MatrixFile s;
   if (o.run.status != 0 || pos.size() != 1 || !read_matrix_file(dir.file(sol), s) || s.rows != 3 || s.cols != 1)
     return o;
-  o.position = pos[0];
-  o.moment = {s.at(1, 1), s.at(2, 1), s.at(3, 1)};
+  o.position = pos[0], o.moment = {s.at(1, 1), s.at(2, 1), s.at(3, 1)};
   o.position_error = norm(add(pos[0], truth, -1));
   o.moment_angle = angle_deg(o.moment, c.moment);
   o.strength_ratio = norm(o.moment) / norm(c.moment);
