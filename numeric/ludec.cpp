@@ -171,18 +171,25 @@ bool factor_blocked(float **a, int n, bool shown) {
     const int q0 = p1 + 1, q1 = p1 + PANEL < n ? p1 + PANEL : n;
     const int rest = q1 + 1;
     const int tw = replay_tile_cols();
-    // A few chunks per thread, handed out in turn: a thread held up
-    // elsewhere on the machine leaves its share to the others.
+    // Chunks of columns handed out in turn, each a share of what is left
+    // (down to a few tiles): large ones first, so that the pivot rows are
+    // packed few times, and small ones last, so that the threads finish
+    // together.  A thread held up elsewhere on the machine leaves its share
+    // to the others.
     const int ncols = rest <= n ? n - rest + 1 : 0;
-    int chunk = threads == 1 ? ncols : (ncols + 3 * threads - 1) / (3 * threads);
-    chunk = (chunk + tw - 1) / tw * tw;
-    if (chunk < 4 * tw) chunk = 4 * tw;
-    const int nchunks = (ncols + chunk - 1) / chunk;
-    std::atomic<int> next_chunk{0};
+    const int min_chunk = 4 * tw;
+    const int nchunks = (ncols + min_chunk - 1) / min_chunk;
+    std::atomic<int> next_col{rest};
     auto worker = [&](int t) {
-      for (int c; (c = next_chunk.fetch_add(1)) < nchunks;) {
-        const int c0 = rest + c * chunk, c1 = c0 + chunk - 1 < n ? c0 + chunk - 1 : n;
-        replay_columns(a, n, p0, p1, c0, c1, works[t]);
+      int c0 = next_col.load(), c1;
+      while (c0 <= n) {
+        int size = (n - c0 + 1) / (2 * threads);
+        size = size < min_chunk ? min_chunk : (size + tw - 1) / tw * tw;
+        c1 = c0 + size - 1 < n ? c0 + size - 1 : n;
+        if (next_col.compare_exchange_weak(c0, c1 + 1)) {
+          replay_columns(a, n, p0, p1, c0, c1, works[t]);
+          c0 = next_col.load();
+        }
       }
     };
     auto lead = [&](int t) {
@@ -327,9 +334,27 @@ void solvel(float **a, int n, float *b) {
 }
 
 // a: factors from ludec.  b[1..n]: on input the output of solvel, on output
-// the solution of U x = b.
+// the solution of U x = b.  Each sum takes its terms from the last unknown
+// down.  Eight rows go together: their terms of the unknowns already solved
+// are eight chains of fmaf side by side (one chain alone would wait on each
+// fmaf before the next), then each row takes its terms among the eight.
 void solveu(float **a, int n, float *b) {
-  for (int i = n; i >= 1; i--) {
+  constexpr int G = 8;
+  int i = n;
+  for (; i - (G - 1) >= 1; i -= G) {
+    const float *r[G];
+    float s[G];
+    for (int q = 0; q < G; q++) r[q] = a[i - q], s[q] = b[i - q];
+    for (int j = n; j > i; j--) {
+      const float bj = b[j];
+      for (int q = 0; q < G; q++) s[q] = fmaf(-r[q][j], bj, s[q]);
+    }
+    for (int q = 0; q < G; q++) {
+      for (int j = i; j > i - q; j--) s[q] = fmaf(-r[q][j], b[j], s[q]);
+      b[i - q] = s[q] / r[q][i - q];
+    }
+  }
+  for (; i >= 1; i--) {
     const float *ri = a[i];
     float s = b[i];
     for (int j = n; j > i; j--) s = fmaf(-ri[j], b[j], s);
@@ -563,17 +588,19 @@ void tsolvel(float **a, int n, float *y) {
   }
 }
 
-// a[1..n][1..n]: unchanged.  Returns the largest row sum of absolute values
-// (the infinity norm), each sum formed in double in column order.  Four rows
-// are summed side by side so that four additions are under way at once.
-float mnorm1(float **a, int n) {
+namespace {
+
+// The largest row sum of absolute values over rows lo .. hi (0 if none
+// exceeds 0; a NaN sum never counts).  Four rows are summed side by side so
+// that four additions are under way at once.
+float largest_row_sum(float **a, int n, int lo, int hi) {
   float best = 0.0f;
   auto consider = [&best](double sum) {
     float s = (float)sum;
     if (s > best) best = s;
   };
-  int i = 1;
-  for (; i + 3 <= n; i += 4) {
+  int i = lo;
+  for (; i + 3 <= hi; i += 4) {
     const float *r0 = a[i], *r1 = a[i + 1], *r2 = a[i + 2], *r3 = a[i + 3];
     double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
     for (int j = 1; j <= n; j++) {
@@ -584,13 +611,37 @@ float mnorm1(float **a, int n) {
     }
     consider(s0), consider(s1), consider(s2), consider(s3);
   }
-  for (; i <= n; i++) {
+  for (; i <= hi; i++) {
     const float *ri = a[i];
     double sum = 0.0;
     for (int j = 1; j <= n; j++) sum += fabs((double)ri[j]);
     consider(sum);
   }
   return best;
+}
+
+}  // namespace
+
+// a[1..n][1..n]: unchanged.  Returns the largest row sum of absolute values
+// (the infinity norm), each sum formed in double in column order.  A large
+// matrix is shared among the threads by rows; the largest of their largest
+// is the same number whatever the split.
+float mnorm1(float **a, int n) {
+  int threads = lu_threads();
+  if ((long long)n * n < 4000000LL) threads = 1;
+  if (threads > n) threads = n > 0 ? n : 1;
+  std::vector<float> best(threads, 0.0f);
+  auto job = [&](int t) {
+    best[t] = largest_row_sum(a, n, 1 + (int)((long long)n * t / threads), (int)((long long)n * (t + 1) / threads));
+  };
+  if (threads == 1)
+    job(0);
+  else
+    run_parallel(threads, job);
+  float all = 0.0f;
+  for (float b : best)
+    if (b > all) all = b;
+  return all;
 }
 
 // v[1..n]: unchanged.  Returns the sum of absolute values, formed in double.

@@ -173,3 +173,27 @@ TEST(LudecFast, OddMultipliersAndNegativeZeroAroundTheLeadingZeros) {
   solvelu_many(f, n, x, 0), solvelu_many(f, 0, x, 2), ludec(f, 0, &cond);
   EXPECT_TRUE(x[1][1] == 4.0f && f[1][1] == 1.0f && cond == 1.0f);
 }
+
+// The norm of a matrix large enough to be shared among threads: the row
+// sums in double, the largest of them, a NaN row counting for nothing,
+// whichever thread holds the largest row.
+TEST(LudecFast, NormIsOneNumberOnAnyThreadCount) {
+  const int n = 2100;
+  M a = make(RANDOM, n, 3);
+  a[100][7] = NAN;
+  for (int big : {1, 1500, 2100}) {
+    for (int j = 1; j <= n; j++) a[big][j] = (float)(j % 3) - 1.25f;
+    float want = 0;
+    for (int i = 1; i <= n; i++) {
+      double sum = 0;
+      for (int j = 1; j <= n; j++) sum += std::fabs((double)a[i][j]);
+      if ((float)sum > want) want = (float)sum;
+    }
+    for (int threads : {1, 3}) {
+      set_lu_threads(threads);
+      EXPECT_EQ(mnorm1(a, n), want) << "largest row " << big << ", threads " << threads;
+    }
+    set_lu_threads(0);
+    for (int j = 1; j <= n; j++) a[big][j] = 0.0f;
+  }
+}
