@@ -498,59 +498,71 @@ void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info
     return;
   }
   const int lanes = replay_lanes();
-  const int threads = lu_threads();
-  // Wide blocks: the factors come from memory once per block and serve
-  // every right-hand side in it.
-  int block = MANY_BLOCK;
-  // Enough blocks to keep every thread busy.
-  const int per_thread = (nrhs + threads - 1) / threads;
-  if (block > per_thread) block = (per_thread + lanes - 1) / lanes * lanes;
-  const int wl = (block + lanes - 1) / lanes * lanes;
-  // One vector more between rows: a stride of a power of two would put the
-  // entries of many rows in the same few cache sets.
-  const int ld = wl + lanes;
-  const int nblocks = (nrhs + block - 1) / block;
-  int count = threads < nblocks ? threads : nblocks;
+  int count = lu_threads();
+  if (count > nrhs) count = nrhs;
   if ((long long)n * n * nrhs < 4000000LL) count = 1;
 
-  // Leading zeros of each block and of each right-hand side, and how far
-  // they may be trusted; then the first pivot whose steps matter, for each.
-  std::vector<int> skip(nblocks, n + 1), zeros(nrhs + 1), start(nrhs + 1, 1);
+  // Leading zeros of each right-hand side, and how far they may be trusted;
+  // then the first pivot whose steps matter, for each.
+  std::vector<int> zeros(nrhs + 1), start(nrhs + 1, 1);
   int deepest = 1;
-  for (int b = 0; b < nblocks; b++) {
-    for (int r = 1 + b * block; r <= nrhs && r <= (b + 1) * block; r++) {
-      const int z = zeros[r] = first_nonzero(x[r], n);
-      if (z < skip[b]) skip[b] = z;
-      if (z > deepest) deepest = z;
-    }
+  for (int r = 1; r <= nrhs; r++) {
+    zeros[r] = first_nonzero(x[r], n);
+    if (zeros[r] > deepest) deepest = zeros[r];
   }
   LuSolveInfo found;
+  int trusted = n + 1;  // zeros below this row may be skipped
   if (deepest > 2) {
     if (!info) found = lu_solve_info(a, n), info = &found;
-    for (int &z : skip)
-      if (z > info->first_nan_row) z = info->first_nan_row;
+    trusted = info->first_nan_row;
     for (int r = 1; r <= nrhs; r++) {
-      const int z = zeros[r] < info->first_nan_row ? zeros[r] : info->first_nan_row;
+      const int z = zeros[r] < trusted ? zeros[r] : trusted;
       start[r] = first_active_pivot(info->last_unplain, z, has_negative_zero(x[r], z, n));
     }
   }
 
+  // Each thread takes consecutive right-hand sides of about equal work (the
+  // forward steps from the first that matters on, and the whole back
+  // substitution), in blocks: wide ones, so that the factors come from
+  // memory once per block and serve every right-hand side in it.
+  std::vector<int> first(count + 1, nrhs + 1);
+  {
+    std::vector<double> upto(nrhs + 1, 0.0);
+    for (int r = 1; r <= nrhs; r++) {
+      const double fwd = (double)(n - start[r] + 1);
+      upto[r] = upto[r - 1] + fwd * fwd + (double)n * n;
+    }
+    first[0] = 1;
+    for (int t = 1, r = 1; t < count; t++) {
+      while (r <= nrhs && upto[r - 1] < upto[nrhs] * t / count) r++;
+      first[t] = r > first[t - 1] ? r : first[t - 1];
+    }
+  }
+
   auto job = [&](int t) {
-    const int b0 = (int)((long long)nblocks * t / count), b1 = (int)((long long)nblocks * (t + 1) / count);
-    if (b1 <= b0) return;
-    // A matrix of this program's own kind: large ones get huge pages, which
-    // the walks down its rows need.
+    const int r_lo = first[t], r_hi = first[t + 1] - 1;
+    if (r_hi < r_lo) return;
+    // (A share a little over the usual width stays one block.)
+    constexpr int widest = MANY_BLOCK + MANY_BLOCK / 4;
+    const int nblocks = (r_hi - r_lo + widest) / widest;
+    const int block = ((r_hi - r_lo + 1 + nblocks - 1) / nblocks + lanes - 1) / lanes * lanes;
+    // One vector more between rows: a stride of a power of two would put
+    // the entries of many rows in the same few cache sets.  A matrix of
+    // this program's own kind: large ones get huge pages, which the walks
+    // down its rows need.
+    const int ld = block + lanes;
     float **s = matrix(1, n, 0, ld - 1);
     Buffer work(replay_work_floats(PANEL));
     if (!s || !work.p) {  // no room to work in blocks: one at a time
       if (s) free_matrix(s, 1, n, 0, ld - 1);
-      for (int r = 1 + b0 * block; r <= nrhs && r <= b1 * block; r++) solvelu(a, n, x[r]);
+      for (int r = r_lo; r <= r_hi; r++) solvelu(a, n, x[r]);
       return;
     }
-    for (int b = b0; b < b1; b++) {
-      const int r0 = 1 + b * block;
-      const int width = nrhs - r0 + 1 < block ? nrhs - r0 + 1 : block;
-      solve_block(a, n, x, r0, width, (width + lanes - 1) / lanes * lanes, skip[b], &start[r0], info, s, work.p);
+    for (int r0 = r_lo; r0 <= r_hi; r0 += block) {
+      const int width = r_hi - r0 + 1 < block ? r_hi - r0 + 1 : block;
+      int skip = trusted;
+      for (int r = r0; r < r0 + width; r++) skip = zeros[r] < skip ? zeros[r] : skip;
+      solve_block(a, n, x, r0, width, (width + lanes - 1) / lanes * lanes, skip, &start[r0], info, s, work.p);
     }
     free_matrix(s, 1, n, 0, ld - 1);
   };
