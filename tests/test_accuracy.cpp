@@ -33,8 +33,7 @@ TEST(AnalyticSphere, SeriesMatchesClosedFormAndFiguresAreRight) {
   EXPECT_NEAR(sphere_potential({0.7, 0.9, 1.0}, {2, 2, 2}, r0, p, r), homogeneous_sphere_potential(1, 2, r0, p, r),
               1e-10);
   const std::vector<double> u = {1, 2, 3, 4};
-  EXPECT_NEAR(rdm(u, {12, 14, 16, 18}), 0, 1e-15);  // scale and offset do not count
-  EXPECT_NEAR(mag(u, {2, 4, 6, 8}), 0.5, 1e-15);
+  EXPECT_NEAR(rdm(u, {12, 14, 16, 18}) + std::fabs(mag(u, {2, 4, 6, 8}) - 0.5), 0, 1e-15);  // scale and offset do not count
   EXPECT_NEAR(rdm(u, {4, 3, 2, 1}), 2, 1e-15);
 }
 
@@ -61,19 +60,16 @@ std::vector<std::array<Figures, 2>> solve(const std::vector<double> &radii, cons
   elec_vertex = surfelec = 1;
   elname[0] = '\0';
   b = matrix(1, totpnt, 1, totpnt);
-  testing::internal::CaptureStdout();  // progress lines
-  b_matrix();
-  float cond;
-  ludec(b, totpnt, &cond);
-  if (iso != -1) ludec(iso_b, iso_totpnt, &cond);
   g3::Mat x(9, totpnt), t(nel, 9);
   const double inner = radii.back();
-  for (int k = 0; k < 3; k++) {
-    float p[3] = {0, 0, (float)(ECC[k] * inner)};
-    sphi_dipole(p, x.a + 3 * k);
-  }
-  sphi2trans(b, nullptr, x, 9, t, 0);
-  testing::internal::GetCapturedStdout();
+  h1::stdout_of([&] {  // progress lines
+    b_matrix();
+    float cond;
+    ludec(b, totpnt, &cond);
+    if (iso != -1) ludec(iso_b, iso_totpnt, &cond);
+    for (int k = 0; k < 3; k++) sphi_dipole(std::array<float, 3>{0, 0, (float)(ECC[k] * inner)}.data(), x.a + 3 * k);
+    sphi2trans(b, nullptr, x, 9, t, 0);
+  });
   free_matrix(b, 1, totpnt, 1, totpnt);
   b = nullptr, el = nullptr;
   std::vector<double> radii_up(radii.rbegin(), radii.rend()), sigma_up(sigma.rbegin(), sigma.rend());

@@ -15,19 +15,20 @@
 #include "forwinv/forwinv.h"
 #include "numeric/nrutils.h"
 #include "numeric/parallel.h"
-#include "tests/support/h1_model.h"
 #include "tests/support/files.h"
+#include "tests/support/h1_model.h"
 #include "tools/icosphere.h"
 
 namespace {
 
-template <class T>
-void append(std::string &bits, const T *p, size_t count) {
-  bits.append(reinterpret_cast<const char *>(p), sizeof(T) * count);
+// The plain code for threads < 0, else the threaded code on that many.
+void use_threads(int threads) {
+  set_assembly_reference(threads < 0);
+  set_assembly_threads(std::max(threads, 1));
 }
 
 // Everything b_matrix writes, as raw bits after its output text, starting
-// from tables filled with nonsense; the plain code for threads < 0.
+// from tables filled with nonsense.
 std::string assemble(int threads) {
   b = matrix(1, totpnt, 1, totpnt);
   for (int r = 1; r <= totpnt; r++) std::fill(&b[r][1], &b[r][1] + totpnt, -7.0f);
@@ -35,55 +36,46 @@ std::string assemble(int threads) {
   for (int i = 0; i < ngeo; i++) geo[i].sigma_out = -1.0f;
   iso_ngeo = iso_totpnt = 0;
   iso_b = nullptr;
-  set_assembly_reference(threads < 0);
-  set_assembly_threads(std::max(threads, 1));
+  use_threads(threads);
   std::string s = h1::stdout_of(b_matrix);
-  set_assembly_reference(false);
-  set_assembly_threads(0);
-  for (int r = 1; r <= totpnt; r++) append(s, &b[r][1], totpnt);
-  append(s, &deflat[0][0], MAXGEO * MAXGEO);
-  append(s, &iso_deflat[0][0], MAXGEO * MAXGEO);
-  append(s, &geocon[0][0], MAXGEO * MAXGEO);
-  for (int i = 0; i < ngeo; i++) append(s, &geo[i].sigma_out, 1);
-  append(s, iso_index, iso_ngeo);
-  for (int r = 1; r <= iso_totpnt; r++) append(s, &iso_b[r][1], iso_totpnt);
+  use_threads(0);
+  auto append = [&](const void *p, size_t bytes) { s.append(static_cast<const char *>(p), bytes); };
+  for (int r = 1; r <= totpnt; r++) append(&b[r][1], 4 * totpnt);
+  append(deflat, sizeof deflat), append(iso_deflat, sizeof iso_deflat), append(geocon, sizeof geocon);
+  for (int i = 0; i < ngeo; i++) append(&geo[i].sigma_out, 4);
+  append(iso_index, sizeof *iso_index * iso_ngeo);
+  for (int r = 1; r <= iso_totpnt; r++) append(&iso_b[r][1], 4 * iso_totpnt);
   if (iso_b) free_matrix(iso_b, 1, iso_totpnt, 1, iso_totpnt);
   free_matrix(b, 1, totpnt, 1, totpnt);
   b = iso_b = nullptr;
   return s;
 }
 
-// A sphere with its vertices moved radially at random by up to `amount`, so
-// that rows see triangles at many distances and angles.
-TriMesh rough_sphere(int level, double radius, double amount, unsigned seed) {
-  TriMesh m = icosphere(level, radius);
-  std::mt19937 gen(seed);
-  std::uniform_real_distribution<double> u(1.0 - amount, 1.0 + amount);
-  for (auto &p : m.pnt) {
-    const double f = u(gen);
-    for (float &c : p) c = (float)(c * f);
-  }
-  return m;
-}
-
 }  // namespace
 
 // The plain code (solangle), then the threaded code (lengths computed once
-// per vertex) on 1 and 3 threads, on rough spheres listed in any order
-// (blocks of every shape), with an isolated-source interface, and with
-// vertices that coincide with another interface's (rows walked again).
+// per vertex) on 1 and 3 threads: on spheres with their vertices moved
+// radially at random, listed out of order (blocks of every shape), with an
+// isolated-source interface; and with vertices that coincide with another
+// interface's (rows walked again).
 TEST(AssemblyThreads, IdenticalOnEveryThreadCount) {
+  std::mt19937 gen(1);
+  auto rough = [&](int level, double radius, double amount) {
+    TriMesh m = icosphere(level, radius);
+    std::uniform_real_distribution<double> u(1.0 - amount, 1.0 + amount);
+    for (auto &p : m.pnt)
+      for (float f = (float)u(gen); float &c : p) c *= f;
+    return m;
+  };
   TriMesh outer = icosphere(2, 1.0), inner = icosphere(2, 0.5);
   for (int k = 0; k < 3; k++) inner.pnt[k] = outer.pnt[k];
   const std::vector<h1::Surface> models[] = {
-      {{"brain.tri", icosphere(2, 0.88)}, {"scalp.tri", rough_sphere(3, 1.0, 0.02, 1), 0.3f},
-       {"skull.tri", rough_sphere(2, 0.92, 0.01, 2), 0.0125f}},
-      {{"scalp.tri", icosphere(2, 1.0)}, {"skull.tri", icosphere(2, 0.92), 0.0125f}, {"brain.tri", icosphere(2, 0.88)}},
+      {{"brain.tri", icosphere(2, 0.88)}, {"scalp.tri", rough(3, 1.0, 0.02), 0.3f}, {"skull.tri", rough(2, 0.92, 0.01), 0.0125f}},
       {{"outer.tri", outer}, {"inner.tri", inner}},
   };
-  for (int m = 0; m < 3; m++) {
+  for (int m = 0; m < 2; m++) {
     h1::load_model(models[m]);
-    iso_sur = m == 1 ? 2 : -1;
+    iso_sur = m == 0 ? 0 : -1;
     const std::string ref = assemble(-1);
     ASSERT_GT(ref.size(), 4u * totpnt * totpnt);
     for (int threads : {1, 3}) EXPECT_TRUE(assemble(threads) == ref) << "model " << m << ", threads " << threads;
@@ -98,11 +90,10 @@ TEST(AssemblyThreadsDeath, EveryFaultOnceAndTheSameOnEveryThreadCount) {
   touch.pnt[0] = m.pnt[0];  // touches at vertex 1, pokes through along the ray of vertex 4
   for (int c = 0; c < 3; c++) touch.pnt[3][c] = 1.5f * m.pnt[3][c];
   // The top vertex of the ball onto the face z = 1 of the box, into the
-  // triangle (centre 12, corners 5 and 7) that covers x > |y|.
-  int top = 0, hit = 0;
+  // triangle (centre 13, corners 6 and 8) that covers x > |y|: its 20th.
+  int top = 0;
   for (int k = 1; k < (int)ball.pnt.size(); k++) top = ball.pnt[k][2] > ball.pnt[top][2] ? k : top;
   ball.pnt[top] = {0.5f, 0.1f, 1.0f};
-  while (!(box.dhk[hit][0] == 12 && box.dhk[hit][1] + box.dhk[hit][2] == 12)) hit++;
   twice.pnt[150] = twice.pnt[95], twice.pnt[120] = twice.pnt[101];  // two pairs, far into the row order
   loose.pnt.push_back({0.0f, 0.0f, 0.0f}), loose.pnt.push_back({0.1f, 0.0f, 0.0f});
   for (auto &t : reversed.dhk) std::swap(t[1], t[2]);
@@ -127,7 +118,7 @@ TEST(AssemblyThreadsDeath, EveryFaultOnceAndTheSameOnEveryThreadCount) {
       {{{"outer.tri", m}, {"inner.tri", touch}}, -1, " interface outer.tri and inner.tri intersect \n at vertex 4 of "
        "outer.tri\n \\(an interface that is contained within another one may not touch it\\)\n"},
       {{{"cube.tri", box}, {"ball.tri", ball}}, -1, "during computation of B-matrix;\n vertex " + std::to_string(top + 1) +
-       " of ball.tri touches triangle " + std::to_string(hit + 1) + " of cube.tri\n"},
+       " of ball.tri touches triangle 20 of cube.tri\n"},
       {{{"outer.tri", icosphere(2, 1.3)}, {"twice.tri", twice}}, -1, "double vertex at twice.tri\n"},
       {{{"loose.tri", loose}}, -1, "vertex 163 of loose.tri belongs to no triangle\n"},
       {{{"outer.tri", reversed}, {"inner.tri", half}}, -1, " interface outer.tri is not a single closed surface\n"
@@ -157,18 +148,13 @@ TEST(AssemblyThreadsDeath, EveryFaultOnceAndTheSameOnEveryThreadCount) {
         freopen(out.c_str(), "w", stdout), freopen(err.c_str(), "w", stderr);
         std::atexit([] { free_matrix(b, 1, 0, 1, 0); });  // nothing left for the leak checker
         setvbuf(stdout, nullptr, _IONBF, 0);
-        set_assembly_reference(threads < 0);
-        set_assembly_threads(std::max(threads, 1));
+        use_threads(threads);
         b_matrix();
       };
       EXPECT_EXIT(run(), testing::ExitedWithCode(1), "");
-      if (threads < 0) {
-        ref[0] = read_file(out), ref[1] = read_file(err);
-        EXPECT_TRUE(std::regex_search(ref[1], std::regex("^\n\n Fatal error in [a-z]+: " + f.message))) << ref[1];
-      } else {
-        EXPECT_EQ(read_file(out), ref[0]) << "threads " << threads;
-        EXPECT_EQ(read_file(err), ref[1]) << "threads " << threads;
-      }
+      if (threads < 0) ref[0] = read_file(out), ref[1] = read_file(err);
+      EXPECT_TRUE(std::regex_search(ref[1], std::regex("^\n\n Fatal error in [a-z]+: " + f.message))) << ref[1];
+      EXPECT_EQ(read_file(out) + read_file(err), ref[0] + ref[1]) << "threads " << threads;
     }
     free_matrix(b, 1, totpnt, 1, totpnt);
     b = nullptr;

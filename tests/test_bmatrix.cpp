@@ -4,6 +4,7 @@
 // faults of a model are in test_assembly_threads, on every thread count.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -24,12 +25,9 @@ int b_size = 0;
 void load(const std::vector<Surface> &s, int iso = -1) {
   h1::load_model(s);
   for (int i = 0; i < ngeo; i++) geo[i].sigma_out = -1.0f;
-  for (auto &row : geocon)
-    for (int &v : row) v = -1;
-  for (auto &row : deflat)
-    for (float &v : row) v = -5.0f;
-  iso_sur = iso;
-  iso_ngeo = iso_totpnt = 0;
+  std::fill(&geocon[0][0], &geocon[0][0] + MAXGEO * MAXGEO, -1);
+  std::fill(&deflat[0][0], &deflat[0][0] + MAXGEO * MAXGEO, -5.0f);
+  iso_sur = iso, iso_ngeo = iso_totpnt = 0;
   iso_b = nullptr;
   if (b) free_matrix(b, 1, b_size, 1, b_size);
   b = matrix(1, b_size = totpnt, 1, totpnt);
@@ -64,8 +62,7 @@ TEST(Bmatrix, ThreeNestedSpheresInAnyOrder) {
       if ((totpnt - r) % 10 == 0) want += (snprintf(line, sizeof line, " Bmat countdown:%5d%s", totpnt - r, pass), line);
   EXPECT_EQ(assemble(), want + "\n");
   const int want_con[3][3] = {{1, 0, 0}, {2, 1, 2}, {2, 0, 1}};
-  for (int i = 0; i < 3; i++)
-    for (int j = 0; j < 3; j++) EXPECT_EQ(geocon[i][j], want_con[i][j]) << i << "," << j;
+  for (int i = 0; i < 3; i++) EXPECT_EQ(std::vector<int>(geocon[i], geocon[i] + 3), std::vector<int>(want_con[i], want_con[i] + 3)) << i;
   EXPECT_EQ(std::vector<float>({geo[0].sigma_out, geo[1].sigma_out, geo[2].sigma_out}),
             std::vector<float>({0.0f, 0.2f, 0.5f}));
   // f(in, mid) = (smid^2 - sout^2) / (smid smid - sin sout); with a

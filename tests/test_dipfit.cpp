@@ -98,29 +98,20 @@ void expect_derivatives(const std::function<void(float *, float **)> &f,
       for (int i = 1; i <= rows; i++) dscale = std::max(dscale, std::fabs(D[k][i][j]));
       for (int i = 1; i <= rows; i++) {
         const float fd = (Fp[i][j] - Fm[i][j]) / (2 * h);
-        ASSERT_TRUE(fd != 0.0f || D[k][i][j] == 0.0f) << "parameter " << k << " column " << j << " row " << i;
-        ASSERT_NEAR(D[k][i][j], fd, 2e-3f * std::max(dscale, 1e-3f * scale))
-            << "parameter " << k << " column " << j << " row " << i;
+        ASSERT_TRUE(fd != 0.0f ? std::fabs(D[k][i][j] - fd) <= 2e-3f * std::max(dscale, 1e-3f * scale) : D[k][i][j] == 0)
+            << "parameter " << k << " column " << j << " row " << i << ": " << D[k][i][j] << " vs " << fd;
       }
     }
   }
 }
 
 // Every derivative the fitter is given, including the mirrored and the
-// parameter-free columns; dT/dpos of one dipole on the system-matrix path
-// and on the inverted-matrix path (a random bi).
+// parameter-free columns; dT/dpos of one dipole.
 TEST_F(DipoleModel, DerivativesMatchCentralDifferences) {
   expect_derivatives([](float *x, float **M) { d_transeval(nel, nlpar, nnpar, x, M); },
                      [](float *x, float ***D) { d_dtranseval(nel, nlpar, nnpar, x, D); }, p, nel, nlpar);
-  h2::Arena ar;
-  float **bi_random = ar.mat(h2::random_matrix(nel, totpnt, 8)), **saved_b = b;
-  for (int path = 0; path < 2; path++) {
-    SCOPED_TRACE(path ? "bi path" : "b path");
-    if (path == 1) b = nullptr, bi = bi_random;
-    expect_derivatives([](float *x, float **T) { trans_dip(nel, 3, x + 1, T); },
-                       [](float *x, float ***P) { dtrans_dip(nel, 3, x + 1, P); }, {0, 0.3f, -0.25f, 0.4f}, nel, 3);
-  }
-  b = saved_b, bi = nullptr;
+  expect_derivatives([](float *x, float **T) { trans_dip(nel, 3, x + 1, T); },
+                     [](float *x, float ***P) { dtrans_dip(nel, 3, x + 1, P); }, {0, 0.3f, -0.25f, 0.4f}, nel, 3);
 }
 
 }  // namespace

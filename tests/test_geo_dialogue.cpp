@@ -15,6 +15,7 @@
 
 namespace {
 
+// The prompts for a file name and a conductivity, and the count of a file read.
 std::string F(int n) { return "\nFilename of interface " + std::to_string(n) + ": "; }
 std::string S(const std::string &name) { return "Conductivity just within " + name + ": "; }
 std::string C(const std::string &name, size_t n, size_t m) {
@@ -37,15 +38,12 @@ std::string E(const std::string &name, const TriMesh &m, const std::string &sigm
 TEST(GeoDialogue, Transcripts) {
   TempDir dir;
   const TriMesh inner = icosphere(1, 0.0870), middle = icosphere(1, 0.0920), outer = icosphere(2, 0.1000);
-  ASSERT_TRUE(write_trimesh(dir.file("inner.tri"), inner, false));
-  ASSERT_TRUE(write_trimesh(dir.file("middle.bin"), middle, true));
-  ASSERT_TRUE(write_trimesh(dir.file("outer.tri"), outer, false));
+  write_sphere(dir, "inner.tri", 1, 0.0870), write_sphere(dir, "middle.bin", 1, 0.0920, true), write_sphere(dir, "outer.tri", 2, 0.1);
   // The inner mesh with its vertices shuffled (triangles follow), in binary:
   // coincidence must not depend on order or encoding.
   TriMesh copy = inner;
   std::vector<int> perm(inner.pnt.size());
-  std::iota(perm.begin(), perm.end(), 0);
-  std::shuffle(perm.begin(), perm.end(), std::mt19937(7));
+  std::iota(perm.begin(), perm.end(), 0), std::shuffle(perm.begin(), perm.end(), std::mt19937(7));
   for (size_t i = 0; i < perm.size(); i++) copy.pnt[perm[i]] = inner.pnt[i];
   for (auto &t : copy.dhk) t = {perm[t[0]], perm[t[1]], perm[t[2]]};
   ASSERT_TRUE(write_trimesh(dir.file("copy.bin"), copy, true));
@@ -56,7 +54,7 @@ TEST(GeoDialogue, Transcripts) {
   std::string ten, ten_out, ten_table;
   for (int i = 0; i < 10; i++) {
     const std::string name = "s" + std::to_string(i) + ".tri";
-    ASSERT_TRUE(write_trimesh(dir.file(name), icosphere(0, 1.0 + 0.1 * i), false));
+    write_sphere(dir, name, 0, 1.0 + 0.1 * i);
     ten += name + "\n" + std::to_string(i + 1) + "\n";
     ten_out += F(i + 1) + C(name, 12, 20) + S(name);
     ten_table += E(name, icosphere(0, 1.0 + 0.1 * i), std::to_string(i + 1));
@@ -84,7 +82,6 @@ TEST(GeoDialogue, Transcripts) {
        F(1) + F(1) + F(1) + C("badindex.tri", 3, 2) + F(1) + F(1) + HEAD + S("inner.tri") + F(2) +
            "\nTotal: 1 interface , 42 vertices and 80 triangles\n" + E("inner.tri", inner, "1") +
            "== iso_sur -1 inner_only 0 totpnt 42 totdhk 80\n"},
-      {"inner.tri\n", {}, 1, "", HEAD},  // end of input
       {"inner.tri\n-0.5\n\n", {}, 1, NEGATIVE, HEAD},
       // Only the isolated interface of a magnetic run may be negative: then
       // it is the only one for the gradiometer.

@@ -14,9 +14,9 @@
 #include "numeric/ludec.h"
 #include "numeric/nrutils.h"
 #include "numeric/verbose.h"
-#include "tests/support/dense_reference.h"
 #include "tests/support/files.h"
 #include "tests/support/h1_model.h"
+#include "tests/support/h2_arrays.h"
 #include "tools/icosphere.h"
 
 namespace {
@@ -57,11 +57,10 @@ TEST(Invert, TwoSpheresAgainstADoublePrecisionSolve) {
   deflat[0][0] = deflat[1][1] = 1, deflat[1][0] = 0.6f, deflat[0][1] = 0.3f;
   iso_sur = -1;
   const int n = totpnt;
-  float **bm = random_system(n, 5), **lu = random_system(n, 5), cond;
+  float **lu = random_system(n, 5), cond;
+  const ref::Mat a = h2::to_ref(lu, n, n);
   ludec(lu, n, &cond);
-  ref::Mat a = ref::zeros(n, n), x(n);  // x[c]: column c of B^-1 times f_c
-  for (int r = 0; r < n; r++)
-    for (int k = 0; k < n; k++) a[r][k] = bm[r + 1][k + 1];
+  ref::Mat x(n);  // x[c]: column c of B^-1 times f_c
   for (int c = 0; c < n; c++) {
     ref::Vec e(n, 0.0);
     e[c] = 2.0 / (c < 42 ? 1.0 : 1.25);
@@ -75,11 +74,10 @@ TEST(Invert, TwoSpheresAgainstADoublePrecisionSolve) {
   };
   Electrode table[5] = {};
   el = table;
-  for (int pass = 0; pass < 3; pass++) {
-    // Vertex electrodes 3, 42, 43, 54; then triangles of the outer interface.
+  const int vertex[] = {3, 42, 43, 54}, tri[] = {0, 40, 79};
+  const float u[] = {0.2f, 0.0f, 1.0f / 3}, v[] = {0.3f, 1.0f, 1.0f / 3};
+  for (int pass = 0; pass < 3; pass++) {  // vertex electrodes, then triangles of the outer interface
     elec_vertex = pass == 0, surfelec = pass == 1, nel = pass ? 3 : 4;
-    const int vertex[] = {3, 42, 43, 54}, tri[] = {0, 40, 79};
-    const float u[] = {0.2f, 0.0f, 1.0f / 3}, v[] = {0.3f, 1.0f, 1.0f / 3};
     for (int e = 1; e <= nel; e++) table[e] = pass ? Electrode{tri[e - 1], u[e - 1], v[e - 1], {}} : Electrode{vertex[e - 1], 0, 0, {}};
     float **out = nullptr;
     h1::stdout_of([&] { b_invert(lu, &out, nel, n); });
@@ -95,7 +93,6 @@ TEST(Invert, TwoSpheresAgainstADoublePrecisionSolve) {
     free_matrix(out, 1, nel, 1, n);
   }
   el = nullptr;
-  free_matrix(bm, 1, n, 1, n);
   free_matrix(lu, 1, n, 1, n);
 }
 
@@ -145,16 +142,13 @@ class AmaTest : public testing::Test {
     for (int i = 0; i < ngeo; i++)
       for (int j = 0; j < ngeo; j++)
         geocon[i][j] = i == j ? 1 : (i > j ? 2 : 0), deflat[i][j] = i == j ? 1.0f : 0.125f * (float)(i + 2 * j + 1);
-    memset(elname, 0, NAMELEN);
-    strcpy(elname, "electrodes.txt");
+    strncpy(elname, "electrodes.txt", NAMELEN);  // padded with zeros
     nel = 3;
     el = static_cast<Electrode *>(calloc(nel + 1, sizeof(Electrode)));
     el[1] = {0, 0.25f, 0.5f, "Fz"}, el[2] = {17, 0.125f, 0.0f, "ABCDEFGHIJ"}, el[3] = {totdhk - 1, 0.0f, 0.75f, ""};
     elec_vertex = surfelec = 0;
     bi = random_system(totpnt, 1);
-    iso_sur = interfaces == 2 ? 1 : -1;
-    inner_only = interfaces == 2;
-    iso_totpnt = interfaces == 2 ? geo[1].npnt : 0;
+    iso_sur = interfaces == 2 ? 1 : -1, inner_only = interfaces == 2, iso_totpnt = interfaces == 2 ? geo[1].npnt : 0;
     iso_b = interfaces == 2 ? random_system(iso_totpnt, 2) : nullptr;
     const std::string path = dir.file(name);
     int ok = 0;
@@ -166,17 +160,17 @@ class AmaTest : public testing::Test {
 
   // Load (freeing what an earlier load allocated); standard output and error
   // into *out and *err.
-  int load(const std::string &path, std::string *out, std::string *err = nullptr, int kind = 0) {
+  int load(const std::string &path, std::string *out, std::string *err = nullptr) {
     release_all();
     testing::internal::CaptureStderr();
     int r = 0;
-    *out = h1::stdout_of([&] { r = load_ama(path.c_str(), kind); });
+    *out = h1::stdout_of([&] { r = load_ama(path.c_str(), 0); });
     const std::string e = testing::internal::GetCapturedStderr();
     if (err) *err = e;
     return r;
   }
 
-  // A load that must be refused as unreadable.
+  // A file that must be refused as unreadable.
   void expect_refused(const std::string &bytes, const std::string &what) {
     const std::string path = dir.file("hostile.ama"), want = "\nerror reading " + path + "\n\n\a\a";
     write_file(path, bytes);
@@ -208,28 +202,26 @@ TEST_F(AmaTest, RoundTripRestoresTheWholeModel) {
   }
 }
 
-TEST_F(AmaTest, WrongVersionOrKindIsRefusedWithItsMessage) {
-  const std::string bytes = read_file(build(1, "k.ama")), wanted = "You need an electric inverted A matrix; ";
-  const struct {
-    std::string bytes;
-    int kind;
-    std::string before, after;  // the message around the file name
-  } cases[] = {
-      {with_word(bytes, 0, 9), 0, "",
-       " is either not an inverted A matrix, or one of an old version.\nAnyway, this program cannot use it\n"},
-      {with_word(bytes, 4, 1), 0, wanted, " is a magnetic inverted A matrix\n\n\a\a"},
-      {with_word(bytes, 4, 2), 0, wanted, " is a combined electric/magnetic inverted A matrix\n\n\a\a"},
-      {with_word(bytes, 4, 7), 0, wanted, " is an unknown type inverted A matrix\n\n\a\a"},
-      {bytes, 1, "You need a magnetic inverted A matrix; ", " is an electric inverted A matrix\n\n\a\a"},
-  };
-  for (const auto &c : cases) {
-    const std::string p = dir.file("refused.ama");
-    write_file(p, c.bytes);
+// An old version and a kind this program cannot use, each with its message;
+// a file that cannot be written or opened.
+TEST_F(AmaTest, RefusedVersionKindAndUnwritableOrMissingFiles) {
+  const std::string bytes = read_file(build(1, "k.ama")), p = dir.file("refused.ama");
+  const std::string want[] = {
+      p + " is either not an inverted A matrix, or one of an old version.\nAnyway, this program cannot use it\n",
+      "You need an electric inverted A matrix; " + p + " is an unknown type inverted A matrix\n\n\a\a"};
+  for (int k = 0; k < 2; k++) {
+    write_file(p, with_word(bytes, 4 * k, k ? 7 : 9));
     std::string out, err;
-    EXPECT_EQ(load(p, &out, &err, c.kind), 0);
-    EXPECT_EQ(err, c.before + p + c.after);
+    EXPECT_EQ(load(p, &out, &err), 0);
+    EXPECT_EQ(err, want[k]);
     EXPECT_EQ(out, "");
   }
+  int r = 1;
+  EXPECT_EQ(h1::stdout_of([&] { r = save_ama("/dev/full", 0); }), "\nerror writing to /dev/full\n\n\a\a");
+  EXPECT_EQ(r, 0);
+  std::string out;
+  EXPECT_EQ(load(dir.file("none.ama"), &out), 0);
+  EXPECT_EQ(out, "\nerror opening " + dir.file("none.ama") + "\n\n\a\a");
 }
 
 // Cut short anywhere, or with a count or index that the model cannot hold,
@@ -245,36 +237,16 @@ TEST_F(AmaTest, DamagedFilesAreReadErrors) {
             std::vector<int>({n0, m0, nel, 1}));
   for (size_t len = 0; len < bytes.size(); len += (len < 1200 ? 7 : 101)) expect_refused(bytes.substr(0, len), "cut");
   expect_refused(bytes.substr(0, bytes.size() - 1), "last byte");
-  const struct {
-    size_t off;
-    std::vector<int32_t> values;
-  } cases[] = {
-      {8, {0, 11, 1 << 30}},                  // ngeo
-      {npnt0, {-1, 1 << 28}},                  // npnt
-      {ndhk0, {-3, 1 << 27}},                  // ndhk
-      {dhk0 + 8, {-1, n0}},                    // vertex of a triangle
-      {geocon0 + 4, {-1, 3}},                  // relation code
-      {nelw, {0, 1 << 29}},                    // nel
-      {el1, {-1, all_dhk}},                    // triangle electrode 0 .. totdhk - 1
-      {isow, {-2, 2, 0}},                      // 0 would need a larger iso_b than the file holds
-  };
-  for (const auto &c : cases)
-    for (int32_t v : c.values) expect_refused(with_word(bytes, c.off, v), std::to_string(c.off) + ": " + std::to_string(v));
+  const std::pair<size_t, int32_t> cases[] = {
+      {8, 0}, {8, 11}, {8, 1 << 30}, {npnt0, -1}, {npnt0, 1 << 28}, {ndhk0, -3}, {ndhk0, 1 << 27},  // counts
+      {dhk0 + 8, -1}, {dhk0 + 8, n0}, {geocon0 + 4, -1}, {geocon0 + 4, 3},  // a triangle's vertex, a relation
+      {nelw, 0}, {nelw, 1 << 29}, {el1, -1}, {el1, all_dhk},              // nel, triangle electrodes 0 .. totdhk - 1
+      {isow, -2}, {isow, 2}, {isow, 0}};  // iso_sur: 0 would need a larger iso_b than the file holds
+  for (const auto &[off, v] : cases) expect_refused(with_word(bytes, off, v), std::to_string(off) + ": " + std::to_string(v));
   // As vertex electrodes: 1 .. totpnt.
   std::string vb = with_word(bytes, bistart - 8, 1), out;
   for (int e = 0; e < 3; e++) vb = with_word(vb, el1 + 24 * e, e == 1 ? all_pnt : 1 + e);
   write_file(dir.file("vertex.ama"), vb);
   EXPECT_EQ(load(dir.file("vertex.ama"), &out), 1) << out;
   for (int32_t v : {0, all_pnt + 1}) expect_refused(with_word(vb, el1 + 24, v), "vertex electrode " + std::to_string(v));
-}
-
-TEST_F(AmaTest, WriteAndOpenFailuresAreReported) {
-  build(1, "w.ama");
-  int r = 1;
-  EXPECT_EQ(h1::stdout_of([&] { r = save_ama("/dev/full", 0); }), "\nerror writing to /dev/full\n\n\a\a");
-  EXPECT_EQ(r, 0);
-  const std::string nowhere = dir.file("no/such/folder.ama");
-  std::string out;
-  EXPECT_EQ(load(nowhere, &out), 0);
-  EXPECT_EQ(out, "\nerror opening " + nowhere + "\n\n\a\a");
 }

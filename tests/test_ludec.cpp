@@ -30,9 +30,8 @@ static double norm(const Vec &v, bool l1) {
   return s;
 }
 
-// 2 x 2 by hand: the factors hold (u11 u12; m u22), rows exchanged iff |m| > 1
-// (m = 1 keeps them);
-// a pivot below 1e-19 in magnitude is replaced by 1e-19 before dividing.
+// 2 x 2 by hand: the factors hold (u11 u12; m u22), rows exchanged iff
+// |m| > 1; a pivot below 1e-19 in magnitude is replaced by 1e-19.
 TEST(Ludec, HandWorkedTwoByTwo) {
   const struct {
     Mat a;

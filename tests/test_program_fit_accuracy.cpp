@@ -1,10 +1,8 @@
-// Whole-program dipole fits against a reference the program does not share:
-// analytic potentials of a three-shell sphere head (scalp, skull and brain
-// of 642 vertices), fitted through an inverted A matrix stored once with the
-// brain surface as the isolated-source interface.  The model error of the
-// coarse mesh may move the dipole a few per cent of the radius at most,
-// hardly turns it, and leaves the strength within its magnitude error
-// (about 9 % here).  The least and the most eccentric cases bound the rest.
+// Whole-program dipole fits against analytic potentials of a three-shell
+// sphere head (642 vertices per shell) through a stored inverted A matrix:
+// the coarse mesh may move the dipole a few per cent of the radius, hardly
+// turns it, and leaves the strength within its magnitude error (about 9 %).
+// The least and the most eccentric cases bound the rest.
 #include <gtest/gtest.h>
 
 #include "tests/support/head_fit.h"

@@ -104,28 +104,22 @@ TEST(SourceFile, RefusedAndFatalFiles) {
   for (const auto &f : fatal) EXPECT_EXIT(table_of(f.file), testing::ExitedWithCode(1), f.message);
 }
 
-// Random angles: correct_alfa_theta brings them into range in one step and
-// trans_alfa_theta mirrors the direction in each axis, both keeping alfa in
-// [-pi, pi].
+// Random angles: correct_alfa_theta brings them into range keeping the
+// direction; trans_alfa_theta mirrors it in axis k % 4 (3: none).
 TEST(Angles, CorrectAndMirrorKeepTheDirection) {
-  auto direction = [](double theta, double alfa) {
-    return std::vector<double>{sin(theta) * cos(alfa), sin(theta) * sin(alfa), cos(theta)};
-  };
+  auto dir = [](const float *a) { return std::vector<double>{sin(a[0]) * cos(a[1]), sin(a[0]) * sin(a[1]), cos(a[0])}; };
   std::mt19937 rng(12345);
   std::uniform_real_distribution<double> th(-M_PI + 1e-3, 2 * M_PI - 1e-3), al(-M_PI, M_PI);
   for (int k = 0; k < 2000; k++) {
     float a[2] = {(float)th(rng), (float)al(rng)};
-    const std::vector<double> before = direction(a[0], a[1]);
+    std::vector<double> u = dir(a);
     correct_alfa_theta(a);
-    const std::vector<double> after = direction(a[0], a[1]);
-    for (int j = 0; j < 3; j++) ASSERT_NEAR(after[j], before[j], 2e-6);
-    ASSERT_TRUE(a[0] >= 0 && a[0] <= (float)M_PI && a[1] >= -(float)M_PI && a[1] <= (float)M_PI) << a[0] << " " << a[1];
-    const int axis = k % 4;  // 3: no such axis, unchanged
-    std::vector<double> u = after;
-    if (axis < 3) u[axis] = -u[axis];
-    trans_alfa_theta(&a[1], &a[0], axis);
-    const std::vector<double> v = direction(a[0], a[1]);
-    for (int j = 0; j < 3; j++) ASSERT_NEAR(v[j], u[j], 2e-6) << "axis " << axis;
-    ASSERT_TRUE(a[1] >= -(float)M_PI - 1e-6f && a[1] <= (float)M_PI + 1e-6f) << a[1];
+    for (int j = 0; j < 3; j++) ASSERT_NEAR(dir(a)[j], u[j], 2e-6);
+    ASSERT_TRUE(a[0] >= 0 && a[0] <= (float)M_PI && std::fabs(a[1]) <= (float)M_PI) << a[0] << " " << a[1];
+    u = dir(a);
+    if (k % 4 < 3) u[k % 4] = -u[k % 4];
+    trans_alfa_theta(&a[1], &a[0], k % 4);
+    for (int j = 0; j < 3; j++) ASSERT_NEAR(dir(a)[j], u[j], 2e-6) << "axis " << k % 4;
+    ASSERT_LE(std::fabs(a[1]), (float)M_PI + 1e-6f);
   }
 }

@@ -1,7 +1,6 @@
-// Products with stored matrices: the transfer matrix from the inverted A
-// matrix and the forward potentials.  However they are blocked and
-// threaded, every entry must be the plain sum in its plain order, bit for
-// bit, on one thread and on three.
+// Products with stored matrices (the transfer matrix from the inverted A
+// matrix, the forward potentials): however blocked and threaded, every entry
+// is the plain sum in its plain order, bit for bit, on one and three threads.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -58,8 +57,7 @@ TEST(StoredMatrix, TransferIsThePlainSumBitForBit) {
   for (int e = 1; e <= 8; e++) shapes.push_back({e, 3, 7 + e}), shapes.push_back({e, 9, 20 - e});
   std::mt19937 gen(12345);
   for (const Shape &s : shapes) {
-    nel = s.nel;
-    totpnt = s.n;
+    nel = s.nel, totpnt = s.n;
     const Mat bi = random_mat(s.nel, s.n, gen), x = random_mat(s.ncols, s.n, gen);
     const std::vector<float> x_before = x.flat();
     // The plain loops: the double sum over c in increasing order, stored as
@@ -90,9 +88,9 @@ TEST(StoredMatrix, TransferIsThePlainSumBitForBit) {
 TEST(StoredMatrix, ForwardIsThePlainFloatSumBitForBit) {
   struct Shape {
     int nel, npar, ntim;
-  };
+  } shapes[] = {{3, 2, 7}, {19, 7, 33}, {130, 3, 20000}};
   std::mt19937 gen(777);
-  for (const Shape s : {Shape{3, 2, 7}, Shape{19, 7, 33}, Shape{130, 3, 20000}}) {
+  for (const Shape s : shapes) {
     const Mat tr = random_mat(s.nel, s.npar, gen), d = random_mat(s.npar, s.ntim, gen);
     Mat expect(s.nel, s.ntim), phi(s.nel, s.ntim);
     for (int e = 1; e <= s.nel; e++)

@@ -1,7 +1,6 @@
 // Dipole fits on the three-shell sphere head through the built program,
-// against analytic potentials: the model files, the cases, the data and one
-// whole fit.  Shared by the accuracy test (642 vertices per shell), the
-// inverse tests and the accuracy benchmark (2562).
+// against analytic potentials.  Shared by the accuracy test (642 vertices
+// per shell), the inverse tests and the accuracy benchmark (2562).
 #pragma once
 
 #include <algorithm>
@@ -56,21 +55,6 @@ inline bool write_data(const std::string &path, const std::vector<std::vector<do
   return free_matrix(m, 1, rows, 1, cols), ok;
 }
 
-// The fitted positions printed at the end of a stationary fit, one per
-// source; empty when the lines are missing.
-inline std::vector<Vec3> final_positions(const std::string &out) {
-  std::vector<Vec3> pos;
-  const std::string num = " *(-?[0-9]+\\.[0-9]{4})", triple = "\\(" + num + "," + num + "," + num + "\\)\n";
-  std::smatch m;
-  std::string rest = out;
-  for (std::regex line("final positions?:  " + triple); std::regex_search(rest, m, line);
-       line = std::regex("^                  " + triple)) {
-    pos.push_back({std::stod(m[1]), std::stod(m[2]), std::stod(m[3])});
-    rest = m.suffix();
-  }
-  return pos;
-}
-
 // One dipole at eccentricity `ecc` of the brain radius along `where`.
 struct Case {
   double ecc;
@@ -79,15 +63,14 @@ struct Case {
 
 inline Vec3 true_position(const Case &c) { return add({0, 0, 0}, unit(c.where), c.ecc * BRAIN); }
 
-// 12 % of the outer radius off the truth, partly inwards and partly
-// sideways, so that the start stays well inside the brain.
+// 12 % of the outer radius off, partly inwards, so that the start stays
+// well inside the brain.
 inline Vec3 start_position(const Case &c) {
   const Vec3 side = unit(cross(c.where, {0.3, -0.5, 0.8}));
   return add(true_position(c), unit(add(side, unit(c.where), -0.5)), 0.12 * OUTER);
 }
 
-// At each eccentricity a tangential dipole off every axis, and one with a
-// radial part in another octant.
+// At each eccentricity a tangential dipole, and one with a radial part.
 inline std::vector<Case> cases() {
   std::vector<Case> list;
   for (double ecc : {0.5, 0.6, 0.7, 0.8}) {
@@ -98,8 +81,8 @@ inline std::vector<Case> cases() {
   return list;
 }
 
-// scalp.tri, skull.tri and brain.tri of `vertices` vertices each; returns
-// the scalp (whose vertices are the electrodes), empty on failure.
+// scalp.tri, skull.tri and brain.tri; returns the scalp (its vertices are
+// the electrodes), empty on failure.
 inline TriMesh write_head(const TempDir &dir, int vertices) {
   const int level = icosphere_level(vertices);
   TriMesh scalp = icosphere(level, RADII[2]);
@@ -109,8 +92,8 @@ inline TriMesh write_head(const TempDir &dir, int vertices) {
   return ok ? scalp : TriMesh{};
 }
 
-// Store the inverted A matrix of the head in `name`: the brain surface is
-// the isolated-source interface, every scalp vertex an electrode.
+// Store the inverted A matrix of the head in `name`, the brain surface as
+// the isolated-source interface.
 inline ProcResult store_head(const TempDir &dir, const std::string &name, int timeout_s) {
   return run_process(BRELIX_EXE, {"-i", name}, "scalp.tri\n1\nskull.tri\n0.0125\n!brain.tri\n1\n\n\n", dir.path(),
                      timeout_s);
@@ -135,12 +118,15 @@ inline Outcome fit_case(const TempDir &dir, const TriMesh &scalp, const std::str
   if (!write_data(dir.file(data), potentials)) return o;
   write_file(dir.file(start), position_file({start_position(c)}, "1 position stationary\n"));
   o.run = run_process(BRELIX_EXE, {ama}, start + "\n" + data + "\n" + sol + "\n\n\n", dir.path(), timeout_s);
-  std::vector<Vec3> pos = final_positions(o.run.out);
+  const std::string num = " *(-?[0-9]+\\.[0-9]{4})";
+  const std::regex line("\nfinal position:  \\(" + num + "," + num + "," + num + "\\)\n");
+  std::smatch m;
   MatrixFile s;
-  if (o.run.status != 0 || pos.size() != 1 || !read_matrix_file(dir.file(sol), s) || s.rows != 3 || s.cols != 1)
+  if (o.run.status != 0 || !std::regex_search(o.run.out, m, line) || !read_matrix_file(dir.file(sol), s) ||
+      s.rows != 3 || s.cols != 1)
     return o;
-  o.position = pos[0], o.moment = {s.at(1, 1), s.at(2, 1), s.at(3, 1)};
-  o.position_error = norm(add(pos[0], truth, -1));
+  o.position = {std::stod(m[1]), std::stod(m[2]), std::stod(m[3])}, o.moment = {s.at(1, 1), s.at(2, 1), s.at(3, 1)};
+  o.position_error = norm(add(o.position, truth, -1));
   o.moment_angle = angle_deg(o.moment, c.moment);
   o.strength_ratio = norm(o.moment) / norm(c.moment);
   o.ok = true;
