@@ -393,6 +393,7 @@ int first_nonzero(const float *v, int n) {
   return n + 1;
 }
 
+// Whether any of ai[1 .. k1] is NaN.
 ROW_LOOP bool row_has_nan(const float *ai, int k1) {
   int nan = 0;
   for (int k = 1; k <= k1; k++) nan |= ai[k] != ai[k];
