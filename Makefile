@@ -3,12 +3,20 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test demo bench clean asan fuzz fuzz-deps
+PREFIX ?= /usr/local
+
+.PHONY: all deps configure build test demo bench clean asan fuzz fuzz-deps install
 
 all: build
 
-# Debian packages the build needs; installed only when missing.
-DEPS = g++ cmake make libgtest-dev libbenchmark-dev
+# Debian packages the build needs; installed only when missing.  brelix
+# itself needs only the compiler; GoogleTest and Google Benchmark serve the
+# tests and benchmarks, and the companion programs (brelix-prep, brelix-plot)
+# use CGAL (mesh repair, intersection tests, remeshing; with GMP/MPFR and
+# Eigen), BioSig (EEG recordings), matio (MATLAB files), Cairo (pictures),
+# expat and zlib (GIfTI surfaces).
+DEPS = g++ cmake make libgtest-dev libbenchmark-dev libcgal-dev libgmp-dev libmpfr-dev libeigen3-dev \
+       libbiosig-dev libmatio-dev libcairo2-dev libexpat1-dev zlib1g-dev
 deps:
 	@missing=""; for p in $(DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
 	if [ -n "$$missing" ]; then \
@@ -25,6 +33,9 @@ build: configure
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
 
 demo: build
 	@bash examples/demo.sh $(BUILD)
@@ -64,7 +75,7 @@ fuzz-deps:
 
 fuzz: fuzz-deps
 	@cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=clang++-14 \
-	  -DBRELIX_FUZZ=ON -DBRELIX_TESTS=OFF -DBRELIX_BENCH=OFF >/dev/null
+	  -DBRELIX_FUZZ=ON -DBRELIX_TESTS=OFF -DBRELIX_BENCH=OFF -DBRELIX_COMPANIONS=OFF >/dev/null
 	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_all
 	@failed=""; for t in $(FUZZ_TARGETS); do \
 	  mkdir -p $(FUZZ_BUILD)/corpus/$$t $(FUZZ_BUILD)/artifacts/$$t; \
