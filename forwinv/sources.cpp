@@ -296,16 +296,21 @@ int init_dip(const char *filename, int *nsource_out, SourceRecord **source_out, 
       SourceRecord &p = table[s.sym];
       if (p.sym != -1) error("\nSymmetry constraints must be specified in only on of the two sources involved");
       set_mirror(s, p);
+      // A stationary orientation taken over from the partner, by a source
+      // that stated none of its own, would be fitted with angles for which
+      // its counts hold no place: they would be read past the end of the
+      // parameter vector or from the next source's.  The user must say
+      // which orientation is meant.
+      if (p.ori_stationary && !s.ori_stationary && !s.ori_symmetric) {
+        snprintf(errmsg, ERRMSG_SIZE,
+                 "\nSymmetric source %d cannot take over the stationary orientation of source %d: "
+                 "give it orientation stationary or symmetric",
+                 i + 1, s.sym + 1);
+        error(errmsg);
+      }
+      // The counts stay as the source's own bits gave them.
       s.pos_mode = p.pos_mode;
       s.ori_stationary = p.ori_stationary;
-      // Without a mirrored orientation the source fits an orientation of its
-      // own exactly when it took over a stationary one.  Its counts must say
-      // so: counts left from its own bits would number parameters and
-      // transfer-matrix columns that the fit never allocates.
-      if (!s.ori_symmetric) {
-        s.nl = s.ori_stationary ? 1 : 3;
-        s.nn = s.ori_stationary ? 2 : 0;
-      }
     }
     if (s.ori_symmetric) {
       if (!s.pos_symmetric) error("Separate orientation symmetry not yet implemented");

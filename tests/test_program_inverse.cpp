@@ -180,6 +180,30 @@ TEST_F(Inverse, SymmetricPairTranscriptAndFiles) {
       << read_file(dir.file("fit.pos.sd"));
 }
 
+// A mirrored source that states its own stationary orientation while its
+// partner's is free keeps its own counts: one strength (taken as the first
+// of a free moment's components, x) and two angles that nothing uses.
+// So the solution has 3 + 1 rows, and noise-free data of such a pair give
+// both positions back.
+TEST_F(Inverse, MirroredSourceKeepsItsOwnParameterCounts) {
+  const std::vector<Vec3> truth = {{0.3, 0.2, 0.25}, {-0.3, 0.2, 0.25}};
+  const Rows moments = {{1.0, -0.5, 0.8, 0.7, 0, 0}, {-0.4, 1.2, 0.3, -1.1, 0, 0}};
+  save(data_of(transfer(truth), moments));
+  const ProcResult r = fit({{0.4, 0.1, 0.32}, {-0.4, 0.1, 0.32}},
+                           "1 position stationary\n2 position symmetric to 1 orientation stationary\n",
+                           "sol.mat\n\nfit.pos\n");
+  const MatrixFile sol = read("sol.mat", 4, 2);
+  for (int t = 1; t <= 2; t++)
+    for (int j = 1; j <= 4; j++) EXPECT_NEAR(sol.at(j, t), moments[t - 1][j - 1], 0.01) << j << " " << t;
+  std::istringstream pos(read_file(dir.file("fit.pos")));
+  int n, i1, i2;
+  double p1[3], p2[3];
+  ASSERT_TRUE(pos >> n >> i1 >> p1[0] >> p1[1] >> p1[2] >> i2 >> p2[0] >> p2[1] >> p2[2]) << r.out;
+  EXPECT_LT(distance(truth[0], p1[0], p1[1], p1[2]), 0.005);
+  EXPECT_LT(distance(truth[1], p2[0], p2[1], p2[2]), 0.005);
+  EXPECT_NE(read_file(dir.file("fit.pos")).find("   2  position symmetric to 1  orientation free\n"), std::string::npos);
+}
+
 // A fixed position, noisy data with an offset on every sample and no sample
 // frequency: the solution against the least-squares condition and the
 // printed measures against residuals computed here; an empty answer writes

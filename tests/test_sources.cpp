@@ -60,6 +60,10 @@ TEST(SourceFile, AcceptedFilesAreNumbered) {
        "5 orientation : stationary\n",
        "c1 | p1o1 s-1 a-1@0 n1,5 i1,1,4 | p0o0 s-1 a-1@0 n3,0 i2,0,0 | p1o0 s-1 a-1@0 n3,3 i5,6,0 | p1o1 s0 a0@0 n1,0 "
        "i8,1,4 | p0o1 s-1 a-1@0 n1,2 i9,0,9"},
+      // A mirrored source keeps the counts of its own bits (one strength,
+      // two angles) while it takes over the partner's modes.
+      {TWO + "1 position stationary\n2 position symmetric to 1 orientation stationary\n",
+       "c1 | p1o0 s-1 a-1@0 n3,3 i1,1,0 | p1o0 s0 a0@0 n1,2 i4,1,0"},
       // A mirror in z = 5.5; a written position file reads back.
       {"2\n1 1 2 3\n2 1 2 8\n1 p st o st\n2 sy 1\n", "c1 | p1o1 s-1 a-1@0 n1,5 i1,1,4 | p1o1 s0 a2@5.5 n1,0 i2,1,4"},
       {"   2\n   1  0.1000  0.2000  0.3000  45.0000 -90.0000\n   2 -0.1000  0.2000  0.3000   0.0000   0.0000\n"
@@ -100,6 +104,9 @@ TEST(SourceFile, RefusedAndFatalFiles) {
       {"2\n1 10 5 3\n2 10 5 3\n1 p st\n2 sy 1\n", "Symmetric sources may not coincide"},
       {TWO + "2 symmetric to 1\n", "Symmetric free oriented sources not allowed"},
       {TWO + "1 p st\n2 p st\n1 sy 2\n2 sy 1\n", "only on of the two sources involved"},
+      // Angles the counts hold no place for.
+      {TWO + "1 p st o st\n2 p sy 1\n", "Symmetric source 2 cannot take over the stationary orientation of source 1"},
+      {TWO + "1 p st o st\n2 p sy 1 o fr\n", "give it orientation stationary or symmetric"},
   };
   for (const auto &f : fatal) EXPECT_EXIT(table_of(f.file), testing::ExitedWithCode(1), f.message);
 }
