@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -68,18 +69,18 @@ float ask_conductivity(const Interface *g) {
 }
 
 // Do all vertices of a appear, with exactly the same coordinates, among
-// those of b?  Both have the same number of vertices.
+// those of b?  Both have the same number of vertices.  "The same" means the
+// same bits: 0 and -0 differ, as they do in the stored files.
 bool all_vertices_shared(const Interface &a, const Interface &b) {
+  using Bits = std::array<uint32_t, 3>;
+  auto bits = [](const float *p) { return Bits{std::bit_cast<uint32_t>(p[0]), std::bit_cast<uint32_t>(p[1]), std::bit_cast<uint32_t>(p[2])}; };
   // Sorting b's vertices once makes each look-up a binary search instead of
-  // a scan.  The coordinates are finite, so the ordering is strict-weak and
-  // lookups find exactly the vertices that compare equal.
-  std::vector<std::array<float, 3>> sorted(b.npnt);
-  for (int32_t k = 0; k < b.npnt; k++) sorted[k] = {b.pnt[k][0], b.pnt[k][1], b.pnt[k][2]};
+  // a scan.
+  std::vector<Bits> sorted(b.npnt);
+  for (int32_t k = 0; k < b.npnt; k++) sorted[k] = bits(b.pnt[k]);
   std::sort(sorted.begin(), sorted.end());
-  for (int32_t k = 0; k < a.npnt; k++) {
-    std::array<float, 3> v = {a.pnt[k][0], a.pnt[k][1], a.pnt[k][2]};
-    if (!std::binary_search(sorted.begin(), sorted.end(), v)) return false;
-  }
+  for (int32_t k = 0; k < a.npnt; k++)
+    if (!std::binary_search(sorted.begin(), sorted.end(), bits(a.pnt[k]))) return false;
   return true;
 }
 

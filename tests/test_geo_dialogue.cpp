@@ -47,6 +47,13 @@ TEST(GeoDialogue, Transcripts) {
   for (size_t i = 0; i < perm.size(); i++) copy.pnt[perm[i]] = inner.pnt[i];
   for (auto &t : copy.dhk) t = {perm[t[0]], perm[t[1]], perm[t[2]]};
   ASSERT_TRUE(write_trimesh(dir.file("copy.bin"), copy, true));
+  // The inner mesh with every zero coordinate negative: the same numbers,
+  // other bits, so not the same vertices.
+  TriMesh negzero = inner;
+  for (auto &p : negzero.pnt)
+    for (auto &c : p)
+      if (c == 0) c = -0.0f;
+  ASSERT_TRUE(write_trimesh(dir.file("negzero.bin"), negzero, true));
   write_file(dir.file("broken.tri"), "3\n0 0 0\n1 1\n");
   write_file(dir.file("badindex.tri"), "3\n0 0 0\n1 0 0\n0 1 0\n2\n1 2 3\n1 2 4\n");  // vertex 4 of 3
   const std::string name80(80, 'n'), HEAD = F(1) + C("inner.tri", 42, 80) + S("inner.tri");
@@ -99,6 +106,10 @@ TEST(GeoDialogue, Transcripts) {
        fatal("Geometry integrety error;\nAny vertex of copy.bin is also a vertex of inner.tri,\n so they propably intersect!"),
        F(1) + C("copy.bin", 42, 80) + S("copy.bin") + F(2) + C("outer.tri", 162, 320) + S("outer.tri") + F(3) +
            C("inner.tri", 42, 80) + S("inner.tri") + F(4) + "\nTotal: 3 interfaces, 246 vertices and 480 triangles\n"},
+      {"negzero.bin\n1\ninner.tri\n1\n\n", {}, 0, "",
+       F(1) + C("negzero.bin", 42, 80) + S("negzero.bin") + F(2) + C("inner.tri", 42, 80) + S("inner.tri") + F(3) +
+           "\nTotal: 2 interfaces, 84 vertices and 160 triangles\n" + E("negzero.bin", negzero, "1") +
+           E("inner.tri", inner, "1") + "== iso_sur -1 inner_only 0 totpnt 84 totdhk 160\n"},
       // Ten interfaces end the list without an eleventh question.
       {ten, {}, 0, "", ten_out + "\nTotal: 10 interfaces, 120 vertices and 200 triangles\n" + ten_table +
                            "== iso_sur -1 inner_only 0 totpnt 120 totdhk 200\n"},
