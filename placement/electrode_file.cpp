@@ -1,0 +1,188 @@
+#include "placement/electrode_file.h"
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "cli/failure.h"
+#include "cli/output.h"
+
+namespace {
+
+// brelix reads each line into 160 bytes: a longer line would be split into
+// two records there, so it is refused here rather than read differently.
+constexpr size_t MAX_LINE = 158;
+
+// The next integer of `s` as "%d" reads it; false when there is none or it
+// does not fit an int.
+bool scan_int(const char *&s, int &out) {
+  char *end;
+  errno = 0;
+  long x = strtol(s, &end, 10);
+  if (end == s || errno == ERANGE || x < INT_MIN || x > INT_MAX) return false;
+  out = (int)x;
+  s = end;
+  return true;
+}
+
+// The next number of `s` as "%f" reads it.
+bool scan_float(const char *&s, float &out) {
+  char *end;
+  out = strtof(s, &end);
+  if (end == s) return false;
+  s = end;
+  return true;
+}
+
+// Lines of a text file, each without its line break.
+class LineReader {
+ public:
+  explicit LineReader(const std::string &path) : path_(path), fp_(fopen(path.c_str(), "r")) {
+    if (!fp_) fail(path, "", std::string("cannot open: ") + strerror(errno));
+  }
+  ~LineReader() { fclose(fp_); }
+  LineReader(const LineReader &) = delete;
+  LineReader &operator=(const LineReader &) = delete;
+
+  // The next line into `line`; false at the end of the file.
+  bool next(std::string &line) {
+    line.clear();
+    int c;
+    bool any = false;
+    while ((c = fgetc(fp_)) != EOF) {
+      any = true;
+      if (c == '\n') break;
+      line += (char)c;
+      if (line.size() > MAX_LINE) fail(path_, place(number_ + 1), "line longer than 158 characters");
+    }
+    if (!any) return false;
+    number_++;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return true;
+  }
+  static std::string place(int n) { return "line " + std::to_string(n); }
+  std::string place() const { return place(number_); }
+
+ private:
+  std::string path_;
+  FILE *fp_;
+  int number_ = 0;
+};
+
+// The label brelix keeps from a triangle line: up to 10 characters after the
+// first '!', here without surrounding blanks.  Empty when there is none.
+std::string label_of(const std::string &line) {
+  size_t mark = line.find('!');
+  if (mark == std::string::npos) return "";
+  std::string label = line.substr(mark + 1, MAX_LABEL_LENGTH);
+  size_t first = label.find_first_not_of(" \t");
+  if (first == std::string::npos) return "";
+  size_t last = label.find_last_not_of(" \t");
+  return label.substr(first, last - first + 1);
+}
+
+}  // namespace
+
+std::string default_label(size_t n) { return "E" + std::to_string(n); }
+
+std::vector<ElectrodeEntry> read_electrode_file(const std::string &path) {
+  LineReader in(path);
+  std::string line;
+  int count = 0;
+  if (!in.next(line)) fail(path, "line 1", "empty file: the number of electrodes is missing");
+  const char *s = line.c_str();
+  if (!scan_int(s, count)) fail(path, "line 1", "the number of electrodes is missing");
+  if (count < 1) fail(path, "line 1", "the number of electrodes must be at least 1, not " + std::to_string(count));
+
+  std::vector<ElectrodeEntry> out;
+  bool triangles = false;
+  for (int e = 1; e <= count; e++) {
+    if (!in.next(line))
+      fail(path, LineReader::place(e + 1),
+           "the file ends after " + std::to_string(e - 1) + " of its " + std::to_string(count) + " electrodes");
+    s = line.c_str();
+    if (e == 1) {
+      // The first electrode line decides the form of all, as in brelix.
+      float x;
+      const char *probe = s;
+      triangles = scan_float(probe, x) && scan_float(probe, x) && scan_float(probe, x);
+    }
+    ElectrodeEntry entry;
+    int number;
+    if (triangles) {
+      float u, v;
+      if (!scan_int(s, number) || !scan_float(s, u) || !scan_float(s, v))
+        fail(path, in.place(), "expected a triangle number and the local coordinates u and v");
+      if (!std::isfinite(u) || !std::isfinite(v)) fail(path, in.place(), "u and v must be finite numbers");
+      if (number < 1) fail(path, in.place(), "triangle numbers count from 1, not " + std::to_string(number));
+      entry.u = u;
+      entry.v = v;
+      entry.label = label_of(line);
+    } else {
+      int running;
+      if (!scan_int(s, running) || !scan_int(s, number))
+        fail(path, in.place(), "expected a running number and a vertex number");
+      if (number < 1) fail(path, in.place(), "vertex numbers count from 1, not " + std::to_string(number));
+    }
+    entry.on_vertex = !triangles;
+    entry.index = number - 1;
+    entry.has_label = !entry.label.empty();
+    if (!entry.has_label) entry.label = default_label((size_t)e);
+    out.push_back(entry);
+  }
+  return out;
+}
+
+Vec3 electrode_position(const ElectrodeEntry &entry, const Mesh &scalp) {
+  auto refuse = [&](const std::string &what) { throw InputError("electrode " + entry.label + ": " + what); };
+  const long nv = (long)scalp.vertices.size();
+  if (entry.on_vertex) {
+    if (entry.index < 0 || entry.index >= nv)
+      refuse("vertex " + std::to_string((long)entry.index + 1) + " is not on the scalp (" + std::to_string(nv) +
+             " vertices)");
+    return scalp.vertices[(size_t)entry.index];
+  }
+  const long nt = (long)scalp.triangles.size();
+  if (entry.index < 0 || entry.index >= nt)
+    refuse("triangle " + std::to_string((long)entry.index + 1) + " is not on the scalp (" + std::to_string(nt) +
+           " triangles)");
+  const Tri &t = scalp.triangles[(size_t)entry.index];
+  for (int k = 0; k < 3; k++)
+    if (t[k] < 0 || t[k] >= nv)
+      refuse("triangle " + std::to_string(entry.index + 1) + " names vertex " + std::to_string((long)t[k] + 1) +
+             ", which the scalp does not have");
+  const Vec3 &a = scalp.vertices[(size_t)t[0]], &b = scalp.vertices[(size_t)t[1]], &c = scalp.vertices[(size_t)t[2]];
+  const double w = 1 - entry.u - entry.v;
+  Vec3 p;
+  for (int k = 0; k < 3; k++) p[k] = w * a[k] + entry.u * b[k] + entry.v * c[k];
+  return p;
+}
+
+void write_electrodes(FILE *fp, const std::vector<ElectrodeEntry> &entries) {
+  if (entries.empty()) throw std::invalid_argument("an electrode file needs at least one electrode");
+  const bool vertices = entries.front().on_vertex;
+  for (const auto &e : entries) {
+    if (e.on_vertex != vertices) throw std::invalid_argument("vertex and triangle electrodes cannot share a file");
+    if (e.has_label && (e.label.size() > MAX_LABEL_LENGTH || e.label.find_first_of("\r\n") != std::string::npos))
+      throw std::invalid_argument("label '" + e.label + "' does not fit brelix's 10 characters on one line");
+  }
+  fprintf(fp, "%zu\n", entries.size());
+  for (size_t i = 0; i < entries.size(); i++) {
+    const auto &e = entries[i];
+    if (vertices) {
+      fprintf(fp, "%zu %ld\n", i + 1, (long)e.index + 1);
+      continue;
+    }
+    // Nine significant digits bring back the very float brelix reads.
+    fprintf(fp, "%ld %.9g %.9g", (long)e.index + 1, e.u, e.v);
+    if (e.has_label) fprintf(fp, " !%s", e.label.c_str());
+    fputc('\n', fp);
+  }
+}
+
+void write_electrode_file(const std::string &path, const std::vector<ElectrodeEntry> &entries) {
+  write_file_atomically(path, [&](FILE *fp) { write_electrodes(fp, entries); });
+}
