@@ -17,7 +17,6 @@ int read_answer_line(char *buf, int size) {
     buf[0] = '\0';
     return 0;
   }
-  if (n > 0 && buf[n - 1] == '\r' && !too_long) n--;
   buf[n] = '\0';
   return too_long ? -1 : 1;
 }

@@ -29,7 +29,7 @@ void take_label(char *label, const char *line) {
   strncpy(label, mark + 1, 10);
   label[10] = '\0';
   size_t len = strlen(label);
-  while (len > 0 && (label[len - 1] == '\n' || label[len - 1] == '\r')) label[--len] = '\0';
+  if (len > 0 && label[len - 1] == '\n') label[len - 1] = '\0';
 }
 
 // Outcome of reading one electrode file.

@@ -89,6 +89,10 @@ TEST(GeoDialogue, Transcripts) {
        F(1) + F(1) + F(1) + C("badindex.tri", 3, 2) + F(1) + F(1) + HEAD + S("inner.tri") + F(2) +
            "\nTotal: 1 interface , 42 vertices and 80 triangles\n" + E("inner.tri", inner, "1") +
            "== iso_sur -1 inner_only 0 totpnt 42 totdhk 80\n"},
+      // Only the newline ends an answer: a carriage return stays in the name.
+      {"inner.tri\r\ninner.tri\n1\n\n", {}, 0, "\nError opening file inner.tri\r\a\a\n\n",
+       F(1) + HEAD + F(2) + "\nTotal: 1 interface , 42 vertices and 80 triangles\n" + E("inner.tri", inner, "1") +
+           "== iso_sur -1 inner_only 0 totpnt 42 totdhk 80\n"},
       {"inner.tri\n-0.5\n\n", {}, 1, NEGATIVE, HEAD},
       // Only the isolated interface of a magnetic run may be negative: then
       // it is the only one for the gradiometer.
