@@ -88,6 +88,7 @@ TEST(SourceFile, RefusedAndFatalFiles) {
   } refused[] = {
       {"1000000000\n1 0 0 0\n2 0 0 0\n", "\nError reading file s.dip\a\a\n\n"},  // more than the file holds
       {"2\n1 0 0 0\n", "\nError reading file s.dip\a\a\n\n"},
+      {"2\n1 0 0 0\n2 0 nan 0\n", "\nError reading file s.dip\a\a\n\n"},
       {TWO + "position fixed\n", "\n Error in constraint description in file s.dip\n\n\a\a"},
       {TWO + "2 sy 3\n", syntax},
       {"1\n1 0 0 1\n1 p mo o st\n", "\n Error in constraint description in s.dip:\n moving dipoles cannot be combined"},
