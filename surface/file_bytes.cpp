@@ -1,0 +1,21 @@
+#include "surface/file_bytes.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cli/failure.h"
+
+std::string read_file_bytes(const std::string &path) {
+  FILE *fp = fopen(path.c_str(), "rb");
+  if (!fp) fail(path, "", std::string("cannot open: ") + strerror(errno));
+  std::string data;
+  char buf[1 << 16];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, fp)) > 0) data.append(buf, n);
+  bool bad = ferror(fp);
+  int err = errno;
+  fclose(fp);
+  if (bad) fail(path, "", std::string("cannot read: ") + strerror(err));
+  return data;
+}
