@@ -1,11 +1,14 @@
 // Saving and loading the inverted A-matrix file.
 #include "forwinv/ama.h"
 
+#include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "matrixio/atomicfile.h"
 #include "numeric/nrutils.h"
 
 namespace {
@@ -16,8 +19,13 @@ constexpr int32_t AMA_VERSION = 10;
 struct Writer {
   FILE *fp;
   bool ok = true;
+  int err = 0;  // the system's reason for the first failure
+  void fail(int why) {
+    if (ok) err = why;
+    ok = false;
+  }
   void put(const void *p, size_t size, size_t n) {
-    if (ok && n > 0 && fwrite(p, size, n, fp) != n) ok = false;
+    if (ok && n > 0 && fwrite(p, size, n, fp) != n) fail(errno);
   }
   void put_int(int32_t v) { put(&v, sizeof v, 1); }
   void put_zeros(size_t bytes) {
@@ -37,6 +45,14 @@ struct Reader {
   long long size;
   bool get(void *p, size_t size, size_t n) { return n == 0 || fread(p, size, n, fp) == n; }
   bool get_int(int32_t *v) { return get(v, sizeof *v, 1); }
+  // n floats, all finite: a NaN or infinity in the model or the matrix would
+  // pass unnoticed into every potential computed from it.
+  bool get_finite(float *p, size_t n) {
+    if (!get(p, sizeof *p, n)) return false;
+    for (size_t k = 0; k < n; k++)
+      if (!std::isfinite(p[k])) return false;
+    return true;
+  }
   long long offset() const { return ftell(fp); }
   // True when count items of `each` bytes are present in the rest of the file.
   bool holds(long long count, long long each) const {
@@ -63,23 +79,27 @@ void modename(char *text, int kind) {
   }
 }
 
-int save_ama(const char *name, int kind) {
+FILE *open_ama(const char *name) {
+  FILE *fp = atomic_open(name);
+  if (!fp) printf("\nerror opening %s: %s\n\n\a\a", name, strerror(errno));
+  return fp;
+}
+
+int save_ama_to(FILE *fp, const char *name, int kind) {
   // Only electric files can be written: the observation section of the
   // other kinds has no data in this program.
   if (kind != 0) {
+    atomic_abandon(fp);
     char want[40];
     modename(want, kind);
     fprintf(stderr, "Cannot write %s inverted A matrix\n\n\a\a", want);
     return 0;
   }
-  FILE *fp = fopen(name, "wb");
-  if (!fp) {
-    printf("\nerror opening %s\n\n\a\a", name);
-    return 0;
-  }
-  // Unbuffered, so that the first write that fails is the one reported.
+  // Unbuffered, so that the first write that fails is the one reported,
+  // with its own reason, and nothing after it is attempted.
   setvbuf(fp, nullptr, _IONBF, 0);
   Writer w{fp};
+  errno = 0;
 
   w.put_int(AMA_VERSION);
   w.put_int(kind);
@@ -106,27 +126,34 @@ int save_ama(const char *name, int kind) {
   w.put_int(elec_vertex);
   w.put_int(surfelec);
 
-  if (nel > 0 && totpnt > 0 && !bi) w.ok = false;  // nothing to store
+  if (nel > 0 && totpnt > 0 && !bi) w.fail(EINVAL);  // nothing to store
   for (int e = 1; w.ok && e <= nel; e++) w.put(&bi[e][1], sizeof(float), totpnt);
 
   w.put_int(iso_sur);
   w.put_int(inner_only);
   if (iso_sur != -1) {
     int n = geo[iso_sur].npnt;
-    if (n > 0 && !iso_b) w.ok = false;
+    if (n > 0 && !iso_b) w.fail(EINVAL);
     for (int p = 1; w.ok && p <= n; p++) w.put(&iso_b[p][1], sizeof(float), n);
   }
 
+  // The file appears under its name only now, complete and on the disk; a
+  // failure leaves an earlier file of that name as it was.
   if (!w.ok) {
-    printf("\nerror writing to %s\n\n\a\a", name);
-    fclose(fp);
-    return 0;
+    atomic_abandon(fp);
+  } else if (!atomic_commit(fp)) {
+    w.fail(errno);
   }
-  if (fclose(fp) != 0) {
-    printf("\nerror closing %s\n\n\a\a", name);
+  if (!w.ok) {
+    printf("\nerror writing to %s: %s\n\n\a\a", name, strerror(w.err ? w.err : EIO));
     return 0;
   }
   return 1;
+}
+
+int save_ama(const char *name, int kind) {
+  FILE *fp = open_ama(name);
+  return fp ? save_ama_to(fp, name, kind) : 0;
 }
 
 int load_ama(const char *name, int kind) {
@@ -180,7 +207,7 @@ int load_ama(const char *name, int kind) {
     if (!rd.get_int(&np) || !rd.holds(np, 12)) return fail();
     g.npnt = np;
     g.pnt = static_cast<float(*)[3]>(alloc_or_die(np, sizeof *g.pnt));
-    if (!rd.get(g.pnt, sizeof *g.pnt, np)) return fail();
+    if (!rd.get_finite(&g.pnt[0][0], 3 * (size_t)np)) return fail();
 
     if (!rd.get_int(&nd) || !rd.holds(nd, 12)) return fail();
     g.ndhk = nd;
@@ -190,10 +217,8 @@ int load_ama(const char *name, int kind) {
       for (int k = 0; k < 3; k++)
         if (g.dhk[t][k] < 0 || g.dhk[t][k] >= np) return fail();
 
-    if (!rd.get(&g.sigma_in, sizeof g.sigma_in, 1) || !rd.get(&g.sigma_out, sizeof g.sigma_out, 1))
-      return fail();
-    if (!rd.get(geocon[i], sizeof geocon[i][0], ngeo) || !rd.get(deflat[i], sizeof deflat[i][0], ngeo))
-      return fail();
+    if (!rd.get_finite(&g.sigma_in, 1) || !rd.get_finite(&g.sigma_out, 1)) return fail();
+    if (!rd.get(geocon[i], sizeof geocon[i][0], ngeo) || !rd.get_finite(deflat[i], ngeo)) return fail();
     // Relation codes are 0 (outside), 1 (itself) and 2 (inside) only.
     for (int j = 0; j < ngeo; j++)
       if (geocon[i][j] < 0 || geocon[i][j] > 2) return fail();
@@ -210,7 +235,10 @@ int load_ama(const char *name, int kind) {
   nel = n_el;
   el = static_cast<Electrode *>(alloc_or_die((long long)nel + 1, sizeof(Electrode)));
   if (!rd.get(el, sizeof(Electrode), (size_t)nel + 1)) return fail();
-  for (int e = 0; e <= nel; e++) el[e].label[sizeof el[e].label - 1] = '\0';
+  for (int e = 0; e <= nel; e++) {
+    el[e].label[sizeof el[e].label - 1] = '\0';
+    if (!std::isfinite(el[e].u) || !std::isfinite(el[e].v)) return fail();
+  }
   int32_t flag_vertex, flag_surf;
   if (!rd.get_int(&flag_vertex) || !rd.get_int(&flag_surf)) return fail();
   elec_vertex = flag_vertex;
@@ -228,7 +256,7 @@ int load_ama(const char *name, int kind) {
   if (!m) error("cannot allocate memory in load_ama");
   bi = m;
   for (int e = 1; e <= nel; e++)
-    if (!rd.get(&bi[e][1], sizeof(float), totpnt)) return fail();
+    if (!rd.get_finite(&bi[e][1], totpnt)) return fail();
 
   int32_t isur, inner;
   if (!rd.get_int(&isur) || !rd.get_int(&inner)) return fail();
@@ -243,7 +271,7 @@ int load_ama(const char *name, int kind) {
     iso_b = ib;
     iso_totpnt = n;
     for (int p = 1; p <= n; p++)
-      if (!rd.get(&iso_b[p][1], sizeof(float), n)) return fail();
+      if (!rd.get_finite(&iso_b[p][1], n)) return fail();
   }
 
   if (fclose(fp) != 0) {

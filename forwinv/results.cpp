@@ -1,13 +1,21 @@
 #include "forwinv/results.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "forwinv/answer.h"
+#include "matrixio/atomicfile.h"
 #include "matrixio/matrix.h"
 
 std::string makename(const char *base, const char *ext) { return std::string(base) + ext; }
+
+void stop_unless_written(int written) {
+  if (!written) exit(1);
+}
 
 namespace {
 
@@ -48,7 +56,7 @@ void write_trans(float **trans, int nel, int npar, const char *transname, const 
   std::string text = extra ? extra : "";
   text += "sample frequency:\narbitrary\n";
   add_geo_info(text);
-  binputtailmatrix(transname, trans, nel, npar, (int)text.size(), text.data());
+  stop_unless_written(binputtailmatrix(transname, trans, nel, npar, (int)text.size(), text.data()));
 }
 
 void write_forward(float **phi, int nel, int ntim, float sampfreq, const char *kind) {
@@ -60,17 +68,29 @@ void write_forward(float **phi, int nel, int ntim, float sampfreq, const char *k
       for (int t = 1; t <= ntim; t++) phi[e][t] += shift[t];
   std::string text = sampfreq >= 0 ? format("sample frequency:\n%.0f\n", sampfreq) : "sample frequency:\nunknown\n";
   add_geo_info(text);
-  binputtailmatrix(name, phi, nel, ntim, (int)text.size(), text.data());
+  stop_unless_written(binputtailmatrix(name, phi, nel, ntim, (int)text.size(), text.data()));
 }
 
 namespace {
 
-// Close fp and report a failed write or close of `name`; false on failure.
-bool close_checked(FILE *fp, const char *name) {
-  bool ok = !ferror(fp);
-  ok = (fclose(fp) == 0) && ok;
-  if (!ok) fprintf(stderr, "\n Error writing to %s\n\n\a\a", name);
-  return ok;
+// A temporary beside `name` (see matrixio/atomicfile.h), or the end of the
+// run.  A failure names `shown`, as the position files always did, even
+// when the ".sd" file is the one that failed; `pending` (when given) is
+// given up first.
+FILE *open_or_stop(const char *name, const char *shown, FILE *pending = nullptr) {
+  FILE *fp = atomic_open(name);
+  if (fp) return fp;
+  int err = errno;
+  if (pending) atomic_abandon(pending);
+  fprintf(stderr, "\n Error opening file %s: %s\n\n\a\a", shown, strerror(err));
+  exit(1);
+}
+
+// Let a finished temporary appear under its name, or end the run.
+void commit_or_stop(FILE *fp, const char *name) {
+  if (atomic_commit(fp)) return;
+  fprintf(stderr, "\n Error writing to %s: %s\n\n\a\a", name, strerror(errno));
+  exit(1);
 }
 
 void write_position_file(FILE *fp, const SourceRecord *source, int nsource) {
@@ -114,21 +134,19 @@ void write_pos(const SourceRecord *source, const float (*sdspnt)[5], int nsource
   char name[NAMELEN];
   ask(name, "Filename for source position: ");
   if (name[0] == '\0') return;
-  FILE *fp = fopen(name, "w");
-  if (!fp) {
-    fprintf(stderr, "\n Error opening file %s\n\n\a\a", name);
-    return;
-  }
+  const std::string sdname = makename(name, ".sd");
+  // Both files are written before either appears: one that cannot be
+  // created or written leaves neither.
+  FILE *fp = open_or_stop(name, name);
   write_position_file(fp, source, nsource);
-  if (!close_checked(fp, name) || !sdspnt) return;
-  std::string sdname = makename(name, ".sd");
-  fp = fopen(sdname.c_str(), "w");
-  if (!fp) {
-    fprintf(stderr, "\n Error opening file %s\n\n\a\a", name);
-    return;
+  FILE *sd = nullptr;
+  if (sdspnt) {
+    sd = open_or_stop(sdname.c_str(), name, fp);
+    write_sd_file(sd, source, sdspnt, nsource, note);
   }
-  write_sd_file(fp, source, sdspnt, nsource, note);
-  if (!close_checked(fp, sdname.c_str())) return;
+  commit_or_stop(fp, name);
+  if (!sd) return;
+  commit_or_stop(sd, sdname.c_str());
   printf("\nStandard deviation of source position%s saved in file %s\n", nsource >= 2 ? "s" : "",
          sdname.c_str());
 }

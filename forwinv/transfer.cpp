@@ -9,6 +9,7 @@
 #include "forwinv/bmatrix.h"
 #include "forwinv/electrodes.h"
 #include "forwinv/invert.h"
+#include "forwinv/results.h"
 #include "matrixio/matrix.h"
 #include "numeric/ludec.h"
 #include "numeric/nrutils.h"
@@ -236,7 +237,7 @@ void get_w0(float **w0, float **iso_b, float **x, int ncols) {
     for (int p = 1; p <= iso_totpnt; p++) w0[r][p] = x[r][iso_column(p)];
   sphi_transform(iso_geo, iso_ngeo, w0, ncols);
   do_solve(iso_b, w0, ncols, iso_totpnt);
-  binputmatrix("w0.tmp", w0, ncols, iso_totpnt);
+  stop_unless_written(binputmatrix("w0.tmp", w0, ncols, iso_totpnt));
   const Interface &s = geo[iso_sur];
   float ratio = s.sigma_out / s.sigma_in;
   for (int r = 1; r <= ncols; r++) {

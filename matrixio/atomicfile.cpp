@@ -12,6 +12,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -39,10 +40,18 @@ void remove_temporaries(int sig) {
   raise(sig);
 }
 
+// A run that ends through exit() (a fatal error, a refused answer) while a
+// result is still being written leaves no temporary behind either.
+void remove_temporaries_at_exit() {
+  for (Slot &s : slots)
+    if (s.used.load() && !s.direct) unlink(s.temp);
+}
+
 void install_handlers() {
   static bool installed = false;
   if (installed) return;
   installed = true;
+  atexit(remove_temporaries_at_exit);
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction old;
     if (sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) continue;  // nohup
@@ -52,6 +61,72 @@ void install_handlers() {
     sigemptyset(&sa.sa_mask);
     sigaction(sig, &sa, nullptr);
   }
+}
+
+// The folder part of a path ("." when it has none) and the name part.
+std::string folder_of(const std::string &path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+std::string name_of(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The file a chain of symbolic links ends at (which need not exist yet); a
+// path that is no link is its own end.  Relative link contents count from
+// the link's folder.  A loop is cut after as many steps as the system
+// itself follows, and the open then fails as it would have anyway.
+std::string resolve_links(const char *target) {
+  std::string path = target;
+  for (int step = 0; step < 40; step++) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) break;
+    std::vector<char> buf(st.st_size > 0 ? (size_t)st.st_size + 1 : (size_t)NAME_MAX_LEN);
+    ssize_t n = readlink(path.c_str(), buf.data(), buf.size());
+    if (n <= 0 || (size_t)n >= buf.size()) break;  // changed under us: use the link itself
+    std::string next(buf.data(), (size_t)n);
+    path = next[0] == '/' ? next : folder_of(path) + "/" + next;
+  }
+  return path;
+}
+
+// mkstemp pattern beside the file: its name, shortened if need be so that
+// the temporary name still fits a folder entry, then ".tmpXXXXXX".
+std::string temp_pattern(const std::string &path) {
+  constexpr size_t KEEP = 200;  // of at most 255 bytes per entry
+  const std::string name = name_of(path);
+  const std::string head = path.substr(0, path.size() - name.size());
+  return head + name.substr(0, KEEP) + ".tmpXXXXXX";
+}
+
+// Permissions a new file gets from the user's umask.
+mode_t new_file_mode() {
+  mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+// Make a rename in `folder` durable.  Some file systems cannot sync a
+// folder; the rename has happened all the same, so failures are ignored.
+void sync_folder(const std::string &folder) {
+  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return;
+  fsync(fd);
+  close(fd);
+}
+
+// Hold back the signals that remove temporaries; returns the mask to
+// restore.
+sigset_t block_signals() {
+  sigset_t block, old;
+  sigemptyset(&block);
+  sigaddset(&block, SIGINT);
+  sigaddset(&block, SIGTERM);
+  sigaddset(&block, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &block, &old);
+  return old;
 }
 
 Slot *slot_of(FILE *fp) {
@@ -75,7 +150,10 @@ FILE *atomic_open(const char *target) {
     errno = ENOENT;
     return nullptr;
   }
-  std::string temp = std::string(target) + ".tmpXXXXXX";
+  // A symbolic link is written through: the file it points to is replaced
+  // and the link stays a link.
+  const std::string real = resolve_links(target);
+  const std::string temp = temp_pattern(real);
   if (temp.size() + 1 > NAME_MAX_LEN) {
     errno = ENAMETOOLONG;
     return nullptr;
@@ -95,13 +173,14 @@ FILE *atomic_open(const char *target) {
   // A device or pipe (/dev/null, /dev/stdout, a FIFO) cannot be replaced by
   // renaming, and must not be: it is written in place.
   struct stat st;
-  if (stat(target, &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
-    FILE *fp = fopen(target, "wb");
+  const bool exists = stat(real.c_str(), &st) == 0;
+  if (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+    FILE *fp = fopen(real.c_str(), "wb");
     if (fp) {
       free_slot->direct = true;
       free_slot->temp[0] = 0;
       free_slot->fp = fp;
-      free_slot->target = target;
+      free_slot->target = real;
       free_slot->used.store(true);
     }
     return fp;
@@ -109,21 +188,14 @@ FILE *atomic_open(const char *target) {
   memcpy(free_slot->temp, temp.c_str(), temp.size() + 1);
   // Block the signals while the name is created and published, so that a
   // file never exists without the handler knowing it.
-  sigset_t block, old;
-  sigemptyset(&block);
-  sigaddset(&block, SIGINT);
-  sigaddset(&block, SIGTERM);
-  sigaddset(&block, SIGHUP);
-  pthread_sigmask(SIG_BLOCK, &block, &old);
+  sigset_t old = block_signals();
   int fd = mkstemp(free_slot->temp);
   int saved = errno;
   FILE *fp = nullptr;
   if (fd >= 0) {
-    // mkstemp makes the file private (0600); a result gets the usual
-    // permissions the user's umask gives new files.
-    mode_t mask = umask(0);
-    umask(mask);
-    fchmod(fd, 0666 & ~mask);
+    // mkstemp makes the file private (0600).  A rewritten file keeps its
+    // permissions; a new one gets those the user's umask gives new files.
+    fchmod(fd, exists && S_ISREG(st.st_mode) ? (st.st_mode & 07777) : new_file_mode());
     fp = fdopen(fd, "wb");
     saved = errno;
     if (!fp) {
@@ -131,7 +203,7 @@ FILE *atomic_open(const char *target) {
       unlink(free_slot->temp);
     } else {
       free_slot->fp = fp;
-      free_slot->target = target;
+      free_slot->target = real;
       free_slot->used.store(true);
     }
   }
@@ -152,11 +224,18 @@ int atomic_commit(FILE *fp) {
   if (!err && ferror(fp)) err = EIO;
   if (!err && !s->direct && fsync(fileno(fp)) != 0 && errno != EINVAL && errno != EROFS) err = errno;
   if (fclose(fp) != 0 && !err) err = errno;
+  // The signals wait until the temporary name is gone and its slot free,
+  // so that the handler never removes a name that is no longer ours.
+  sigset_t old = block_signals();
   if (!s->direct) {
     if (!err && rename(s->temp, s->target.c_str()) != 0) err = errno;
     if (err) unlink(s->temp);
   }
+  const std::string folder = folder_of(s->target);
+  const bool renamed = !err && !s->direct;
   release(s);
+  pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  if (renamed) sync_folder(folder);
   errno = err;
   return err ? 0 : 1;
 }

@@ -5,7 +5,13 @@
 // reader never meets a half-written file, a failed or interrupted run leaves
 // the previous file as it was, and two runs writing to one name leave exactly
 // one of their two files.  Temporary files still open when the process is
-// stopped by SIGINT, SIGTERM or SIGHUP are removed before it ends.
+// stopped by SIGINT, SIGTERM or SIGHUP, or ends through exit(), are removed
+// before it ends.
+//
+// A target that is a symbolic link is written through: the file the link
+// points to is replaced and the link stays.  A target that is a device or a
+// pipe (/dev/null, /dev/stdout, a FIFO) is written in place.  A rewritten
+// file keeps its permissions.
 #pragma once
 
 #include <cstdio>
@@ -26,5 +32,6 @@ int atomic_commit(FILE *fp);
 // The target stays as it was.
 void atomic_abandon(FILE *fp);
 
-// The target name of a stream from atomic_open (for messages), or nullptr.
+// The file a stream from atomic_open will replace (a link's destination), or
+// nullptr for a stream that did not come from atomic_open.
 const char *atomic_target(FILE *fp);

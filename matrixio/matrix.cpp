@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "geometry/checkasc.h"
+#include "matrixio/atomicfile.h"
 #include "numeric/nrutils.h"
 
 int ascifile = 0;
@@ -26,38 +27,48 @@ constexpr int MAX_TAIL = 1024;
 // demand gigabytes for nothing.  No real result has this many empty rows.
 constexpr int MAX_EMPTY_ROWS = 1 << 20;
 
-void write_failed(const char *name) { fprintf(stderr, "\n Error writing to %s\n\n\a\a", name); }
+// A failed write names the file and the system's reason.
+void write_failed(const char *name, int err) {
+  fprintf(stderr, "\n Error writing to %s: %s\n\n\a\a", name, strerror(err ? err : EIO));
+}
 void read_failed(const char *name) { fprintf(stderr, "\n Error reading %s\n\n\a\a", name); }
 
-// Shared body of both writers.  Every write is checked, and so is the close:
-// buffered data reach the disk only there, so a full disk often shows up at
-// fclose and must not pass for success.
+// The counts, the rows and the tail into f; false (errno telling why) at the
+// first write that fails.
+bool write_matrix_body(FILE *f, float **m, int R, int C, int tail_len, const char *tail) {
+  int32_t counts[2] = {R, C};
+  if (fwrite(counts, sizeof counts[0], 2, f) != 2) return false;
+  for (int r = 1; r <= R; r++)
+    if (C > 0 && fwrite(&m[r][1], sizeof(float), (size_t)C, f) != (size_t)C) return false;
+  if (ferror(f)) return false;
+  return tail_len <= 0 || fwrite(tail, 1, (size_t)tail_len, f) == (size_t)tail_len;
+}
+
+// Shared body of both writers.  The file is built under a temporary name and
+// renamed over `name` only when every byte is on the disk: the tail is free
+// text, so a file cut after its numbers would look complete to a reader, and
+// a failed or interrupted run must leave an earlier result as it was.
 int write_matrix_file(const char *name, float **m, int R, int C, int tail_len, const char *tail) {
   // Counts that cannot describe a matrix would make a file no reader can
   // use; refuse before anything is created.
   if (R < 0 || C < 0 || tail_len < 0 || (R > 0 && C > 0 && !m) || (tail_len > 0 && !tail)) {
-    write_failed(name);
+    write_failed(name, EINVAL);
     return 0;
   }
-  FILE *f = fopen(name, "wb");
+  FILE *f = atomic_open(name);
   if (!f) {
-    fprintf(stderr, "\n Cannot create %s\n\n\a\a", name);
+    fprintf(stderr, "\n Cannot create %s: %s\n\n\a\a", name, strerror(errno));
     return 0;
   }
-  bool ok = true;
-  int32_t counts[2] = {R, C};
-  if (fwrite(counts, sizeof counts[0], 2, f) != 2) ok = false;
-  for (int r = 1; ok && r <= R; r++)
-    if (C > 0 && fwrite(&m[r][1], sizeof(float), (size_t)C, f) != (size_t)C) ok = false;
-  if (ok && ferror(f)) ok = false;
-  if (ok && tail_len > 0 && fwrite(tail, 1, (size_t)tail_len, f) != (size_t)tail_len) ok = false;
-  if (!ok) {
-    fclose(f);
-    write_failed(name);
+  errno = 0;
+  if (!write_matrix_body(f, m, R, C, tail_len, tail)) {
+    int err = errno;
+    atomic_abandon(f);
+    write_failed(name, err);
     return 0;
   }
-  if (fclose(f) != 0) {
-    write_failed(name);
+  if (!atomic_commit(f)) {
+    write_failed(name, errno);
     return 0;
   }
   return 1;
@@ -147,7 +158,8 @@ bool read_text_values(FILE *f, float **m, int rows, int cols) {
 }  // namespace
 
 // name: file to create.  m[1..R][1..C]: the values.  Returns 1, or 0 after
-// "Cannot create" or "Error writing to" on standard error.
+// "Cannot create" or "Error writing to" (with the system's reason) on
+// standard error; an earlier file of that name is then left as it was.
 int binputmatrix(const char *name, float **m, int R, int C) { return write_matrix_file(name, m, R, C, 0, nullptr); }
 
 // As binputmatrix; then tail_len bytes of tail, unchanged (none for 0).

@@ -7,8 +7,9 @@
 // State of the last read: 1 when it was a text file / of the other byte order.
 extern int ascifile, foreign;
 
-// Write m[1..R][1..C] to a new file `name` (no tail).  Returns 1, or 0 after
-// printing the failure on standard error.
+// Write m[1..R][1..C] to a new file `name` (no tail), which appears whole
+// or not at all (see atomicfile.h).  Returns 1, or 0 after printing the
+// failure and the system's reason on standard error.
 int binputmatrix(const char *name, float **m, int R, int C);
 
 // As binputmatrix, followed by tail_len bytes of tail exactly as given.

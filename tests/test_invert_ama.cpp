@@ -217,7 +217,8 @@ TEST_F(AmaTest, RefusedVersionKindAndUnwritableOrMissingFiles) {
     EXPECT_EQ(out, "");
   }
   int r = 1;
-  EXPECT_EQ(h1::stdout_of([&] { r = save_ama("/dev/full", 0); }), "\nerror writing to /dev/full\n\n\a\a");
+  EXPECT_EQ(h1::stdout_of([&] { r = save_ama("/dev/full", 0); }),
+            "\nerror writing to /dev/full: No space left on device\n\n\a\a");
   EXPECT_EQ(r, 0);
   std::string out;
   EXPECT_EQ(load(dir.file("none.ama"), &out), 0);
@@ -243,6 +244,14 @@ TEST_F(AmaTest, DamagedFilesAreReadErrors) {
       {nelw, 0}, {nelw, 1 << 29}, {el1, -1}, {el1, all_dhk},              // nel, triangle electrodes 0 .. totdhk - 1
       {isow, -2}, {isow, 2}, {isow, 0}};  // iso_sur: 0 would need a larger iso_b than the file holds
   for (const auto &[off, v] : cases) expect_refused(with_word(bytes, off, v), std::to_string(off) + ": " + std::to_string(v));
+  // A NaN or an infinity anywhere among the numbers would reach every
+  // potential: a vertex, both conductivities, a deflation factor, an
+  // electrode weight, bi and iso_b.
+  const int32_t nan = 0x7fc00000, inf = 0x7f800000, minus_inf = (int32_t)0xff800000u;
+  const size_t floats[] = {npnt0 + 4 + 12 * 5 + 8, geocon0 - 8, geocon0 - 4, geocon0 + 8, el1 + 8,
+                           bistart + 4 * (size_t)(all_pnt + 3), isow + 8 + 4 * 7};
+  for (size_t off : floats)
+    for (int32_t v : {nan, inf, minus_inf}) expect_refused(with_word(bytes, off, v), "float at " + std::to_string(off));
   // As vertex electrodes: 1 .. totpnt.
   std::string vb = with_word(bytes, bistart - 8, 1), out;
   for (int e = 0; e < 3; e++) vb = with_word(vb, el1 + 24 * e, e == 1 ? all_pnt : 1 + e);

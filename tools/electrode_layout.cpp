@@ -7,11 +7,14 @@
 // the origin in its direction meets the surface (x right, y front, z up);
 // it is written as "<triangle> <u> <v> !<label>" with the point
 // (1-u-v) a + u b + v c of triangle (a, b, c).
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "geometry/dhkinp.h"
+#include "matrixio/atomicfile.h"
 
 namespace {
 
@@ -60,9 +63,10 @@ int main(int argc, char **argv) {
   float(*pnt)[3];
   int32_t(*dhk)[3];
   if (!dhkinp(argv[1], &npnt, &ndhk, &pnt, &dhk)) return 1;
-  FILE *out = fopen(argv[2], "w");
+  // The layout appears under its name only when complete (see atomicfile.h).
+  FILE *out = atomic_open(argv[2]);
   if (!out) {
-    fprintf(stderr, "electrode_layout: cannot create %s\n", argv[2]);
+    fprintf(stderr, "electrode_layout: cannot create %s: %s\n", argv[2], strerror(errno));
     return 1;
   }
   const int n = sizeof layout / sizeof layout[0];
@@ -79,12 +83,13 @@ int main(int argc, char **argv) {
     }
     if (found < 0) {
       fprintf(stderr, "electrode_layout: no triangle of %s in the direction of %s\n", argv[1], e.label);
+      atomic_abandon(out);
       return 1;
     }
     fprintf(out, "%d %.6f %.6f !%s\n", found + 1, u, v, e.label);
   }
-  if (fclose(out) != 0) {
-    fprintf(stderr, "electrode_layout: cannot write %s\n", argv[2]);
+  if (!atomic_commit(out)) {
+    fprintf(stderr, "electrode_layout: cannot write %s: %s\n", argv[2], strerror(errno));
     return 1;
   }
   printf("%s: %d electrodes\n", argv[2], n);

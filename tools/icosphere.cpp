@@ -7,6 +7,8 @@
 #include <map>
 #include <utility>
 
+#include "matrixio/atomicfile.h"
+
 int icosphere_level(int vertices) {
   long n = 12;
   for (int level = 0; level <= 10; level++, n = 10 * ((n - 2) / 10 * 4) + 2)
@@ -60,7 +62,9 @@ TriMesh icosphere(int level, double radius, double cx, double cy, double cz) {
 }
 
 bool write_trimesh(const std::string &path, const TriMesh &mesh, bool binary) {
-  FILE *fp = fopen(path.c_str(), binary ? "wb" : "w");
+  // Built under a temporary name and renamed when complete, so that a
+  // failed or interrupted run leaves no half mesh that would still read.
+  FILE *fp = atomic_open(path.c_str());
   if (!fp) return false;
   bool ok = true;
   int32_t np = (int32_t)mesh.pnt.size(), nt = (int32_t)mesh.dhk.size();
@@ -80,6 +84,9 @@ bool write_trimesh(const std::string &path, const TriMesh &mesh, bool binary) {
     for (int i = 0; i < nt && ok; i++)
       ok = fprintf(fp, "%d %d %d %d\n", i + 1, mesh.dhk[i][0] + 1, mesh.dhk[i][1] + 1, mesh.dhk[i][2] + 1) > 0;
   }
-  ok = !ferror(fp) && ok;
-  return fclose(fp) == 0 && ok;
+  if (!ok) {
+    atomic_abandon(fp);
+    return false;
+  }
+  return atomic_commit(fp) == 1;
 }
