@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "driver/finite.h"
 #include "forwinv/dipfit.h"
 #include "forwinv/forwinv.h"
 #include "forwinv/lininv.h"
@@ -26,6 +27,34 @@ std::string format(const char *fmt, ...) {
   return text;
 }
 
+bool all_zero(float **m, int rows, int cols) {
+  for (int r = 1; r <= rows; r++)
+    for (int c = 1; c <= cols; c++)
+      if (m[r][c] != 0) return false;
+  return true;
+}
+
+// A linear estimate of npar parameters: strengths, their standard
+// deviations, the relative difference rd and the noise level.
+void check_estimate(int npar, float rd) {
+  require_finite(d, npar, ntim, "The linear estimate");
+  require_finite(sdd, npar, ntim, "The standard deviation of the linear estimate");
+  require_finite(rd, "The relative difference");
+  require_finite(sdphi, "The rms noise");
+}
+
+// The dipole fit: everything it hands to the result files.
+void check_fit(float rd) {
+  const int rows = constraint == 2 ? 6 * nsource : nlpar;
+  require_finite(d, rows, ntim, "The dipole fit");
+  require_finite(sdd, rows, ntim, "The standard deviation of the dipole fit");
+  require_finite(phi, nel, ntim, "The potential of the fitted dipoles");
+  require_finite(rd, "The relative difference of the fit");
+  require_finite(sdphi, "The rms noise of the fit");
+  for (int s = 0; sdspnt && s < nsource; s++)
+    for (float v : sdspnt[s]) require_finite(v, "The standard deviation of a fitted position");
+}
+
 }  // namespace
 
 int inverse_job() {
@@ -37,12 +66,18 @@ int inverse_job() {
   if (!d) error("Cannot allocate d matrix");
   if (!sdd) error("Cannot allocate sdd");
 
+  // Data that overflowed in their average reference, or that are zero
+  // everywhere after it, leave nothing a fit could mean.
+  require_finite(psi, nel, ntim, "The average reference of the data");
+  if (all_zero(psi, nel, ntim)) error("The measured data are zero everywhere after the average reference");
+
   // First estimate: every source with all three moment components free.
   lin_inverse(trans, psi, d, n3, nel, ntim, sdd, 0.001f);
   phi = matrix(1, nel, 1, ntim);
   if (!phi) error("Cannot allocate phi matrix");
   forward(trans, phi, d, n3, nel, ntim);
   float rd = reldif(psi, phi, nel, ntim, &sdphi);
+  check_estimate(n3, rd);
   for (int j = 1; j <= n3; j++)
     for (int t = 1; t <= ntim; t++) sdd[j][t] *= sdphi;
 
@@ -54,6 +89,7 @@ int inverse_job() {
     lin_inverse(trans, psi, d, nlpar, nel, ntim, sdd, 0.001f);
     forward(trans, phi, d, nlpar, nel, ntim);
     rd = reldif(psi, phi, nel, ntim, &sdphi);
+    check_estimate(nlpar, rd);
   }
   printf("Relative difference%s:%6.3f\n", constraint == 0 ? "" : " first estimate", rd);
 
@@ -63,6 +99,7 @@ int inverse_job() {
       if (!sdspnt) error("Cannot allocate sdspnt");
     }
     rd = d_alin_inverse(trans, psi, d, nlpar, nel, ntim, phi, &sdphi, sdd, constraint == 1 ? sdspnt : nullptr);
+    check_fit(rd);
     printf(" Relative difference final solution :%6.3f\n", rd);
   }
   printf("Corresponds to rms noise in data of :%6.3f\n", sdphi);
@@ -79,8 +116,8 @@ int inverse_job() {
       sdphi, rd);
   const std::string tail2 = tail1 + sdline;
   const int r = constraint == 2 ? 6 * nsource : nlpar;
-  binputtailmatrix(solname, d, r, ntim, (int)tail1.size(), tail1.data());
-  binputtailmatrix(sdname.c_str(), sdd, r, ntim, (int)tail2.size(), tail2.data());
+  stop_unless_written(binputtailmatrix(solname, d, r, ntim, (int)tail1.size(), tail1.data()));
+  stop_unless_written(binputtailmatrix(sdname.c_str(), sdd, r, ntim, (int)tail2.size(), tail2.data()));
   printf("SD of source parameters saved in file %s\n", sdname.c_str());
 
   write_forward(phi, nel, ntim, sampfreq, "potential");

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "driver/extra.h"
+#include "driver/finite.h"
 #include "driver/input.h"
 #include "driver/inverse_job.h"
 #include "forwinv/ama.h"
@@ -26,6 +27,11 @@ int main(int argc, char **argv) {
   printf("               date: %s\n\n", "Nov  4 2005");
 
   int mode = get_input_brelix(argc, argv);
+  // The file for the inverted A matrix is created (under a temporary name)
+  // before the long work, so that a name that cannot be written costs
+  // nothing; the matrix replaces it only when complete.
+  FILE *ama_file = nullptr;
+  if (mode == MODE_STORE_AMA && !(ama_file = open_ama(solname))) return 1;
 
   if (mode != MODE_STORE_AMA) {
     if (!(sphi = matrix(1, 3 * nsource, 1, totpnt))) error("Cannot allocate sphi");
@@ -41,7 +47,8 @@ int main(int argc, char **argv) {
   }
   if (mode == MODE_STORE_AMA) {
     b_invert(b, &bi, nel, totpnt);
-    save_ama(solname, 0);
+    require_finite(bi, nel, totpnt, "The inverted A matrix");
+    stop_unless_written(save_ama_to(ama_file, solname, 0));
     return 0;
   }
 
@@ -53,6 +60,7 @@ int main(int argc, char **argv) {
   sphi2trans(b, bi, sphi, 3 * nsource, trans, 0);
 
   if (!psi) {
+    require_finite(trans, nel, 3 * nsource, "The transfer matrix");
     std::string text;
     fill_extra(text);
     write_trans(trans, nel, 3 * nsource, transname, text.c_str());

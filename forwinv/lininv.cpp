@@ -117,6 +117,9 @@ float reldif(float **meas, float **model, int nrow, int ncol, float *rms) {
       m += meas[i][j] * meas[i][j];
     }
   *rms = (float)std::sqrt(r / nrow / ncol);
+  // The sum of squared data is single precision; when it overflows the
+  // quotient would be 0, a perfect fit.  Not a number tells the caller.
+  if (!std::isfinite(m)) return NAN;
   return (float)std::sqrt(r / m);
 }
 

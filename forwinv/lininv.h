@@ -22,7 +22,8 @@ void lin_inverse(float **trans, float **psi, float **d, int npar, int nel, int n
 
 // Relative difference sqrt(sum (meas - model)^2 / sum meas^2) over
 // [1..nrow][1..ncol]; *rms receives sqrt(sum (meas - model)^2 / (nrow ncol)).
-// All-zero data give a quotient 0/0 (not a number).
+// All-zero data give a quotient 0/0 (not a number), and so do data whose
+// sum of squares overflows single precision.
 float reldif(float **meas, float **model, int nrow, int ncol, float *rms);
 
 // Factor sqrt(sum psi^2 / sum (shift[j] + psi[i][j])^2) over

@@ -464,7 +464,9 @@ int decouple(int m, int n, int q, int L, float **Y, float **F, float *p, float *
       sq += diff * diff;
     }
   *rms = (float)std::sqrt(sq / ((double)L * m));
-  *relres = (float)(std::sqrt(sq) / s);
+  // A data norm that overflowed single precision would make any fit look
+  // perfect; not a number tells the caller that the residual is unknown.
+  *relres = std::isfinite(s) ? (float)(std::sqrt(sq) / s) : NAN;
 
   if (cov && !fullcov) {
     // Linear block: (M^T M)^+ of the last model matrix.

@@ -23,7 +23,7 @@ typedef void (*DecoupleDeriv)(int m, int n, int q, float *p, float ***D);
 //   M that sets its pseudo-rank; fullcov selects the covariance layout.
 // Output: p the fitted values; X[1..n][1..L] the linear parameters;
 //   F[1..m][1..L] = M(p) X; *relres = |Y - F| / |Y| (Frobenius; |Y| taken as
-//   1 for all-zero data); *rms = sqrt(sum (Y-F)^2 / (L m)); *cond the
+//   1 for all-zero data, not a number when |Y|^2 overflows); *rms = sqrt(sum (Y-F)^2 / (L m)); *cond the
 //   condition estimate of the last normal-equation solve (0 when none was
 //   solved), negative when it was solved by Householder least squares:
 //   -k - 0.5 |R[k][k] / R[1][1]| with k the pseudo-rank, so k is the integer
