@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdio>
@@ -143,6 +144,14 @@ void get_geo(int allow_isolated, int magnetic) {
         fprintf(stderr, "has a special meaning, but that does not apply here.\n\n");
         exit(1);
       }
+    }
+    // The system divides by the conductivities: a compartment that does not
+    // conduct, inside one that does, has no solution, only NaNs.
+    if (g->sigma_in < FLT_MIN) {
+      fprintf(stderr, "\nConductivity cannot be zero!\n");
+      fprintf(stderr, "A compartment that does not conduct (or less than %g)\n", FLT_MIN);
+      fprintf(stderr, "has no meaning inside the volume conductor.\n\n");
+      exit(1);
     }
     ngeo++;
   }
