@@ -1,0 +1,132 @@
+#include "plotting/dipoles_command.h"
+
+#include <cmath>
+#include <cstdio>
+#include <sys/stat.h>
+
+#include "cli/args.h"
+#include "cli/failure.h"
+#include "cli/progress.h"
+#include "cli/subcommand.h"
+#include "plotting/dipole_sections.h"
+#include "plotting/figure.h"
+#include "plotting/head_surfaces.h"
+#include "plotting/inputs.h"
+#include "plotting/text.h"
+
+namespace {
+
+const char *help =
+    "usage: brelix-plot dipoles --head DIR --fit FIT.pos [options] -o OUT.png\n"
+    "\n"
+    "Draws three orthogonal sections (axial, coronal, sagittal) through a\n"
+    "fitted dipole: the cut lines of the head's surfaces, the fitted dipoles\n"
+    "with their standard deviations as ellipses (one SD in the section's two\n"
+    "directions) and their orientation as arrows, and the true dipoles as\n"
+    "crosses.  Sections are seen with right, front and up to the right or top;\n"
+    "the dashed lines mark the other two sections.\n"
+    "\n"
+    "options:\n"
+    "  --head DIR          head folder: geometry.ans and the triangle files it names\n"
+    "  --fit FIT.pos       fitted dipoles: a source position file as brelix writes it\n"
+    "  --sd FIT.pos.sd     their standard deviations (default: FIT.pos.sd when it\n"
+    "                      exists)\n"
+    "  --truth T.pos       true dipoles (a source position file), for simulations\n"
+    "  --moments FIT.mat   the fit's moments: the arrows of dipoles with a free\n"
+    "                      orientation (rows as brelix writes them)\n"
+    "  --sample N          the sample of FIT.mat the arrows show, from 1 (default 1)\n"
+    "  --dipole K          the fitted dipole the sections pass through (default 1)\n"
+    "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
+    "\n"
+    "example:\n"
+    "  brelix-plot dipoles --head head --fit fit.pos --moments fit.mat \\\n"
+    "      --truth truth.pos -o dipoles.png\n";
+
+const std::vector<OptionSpec> options = {{"head", true},   {"fit", true},    {"sd", true},
+                                         {"truth", true},  {"moments", true}, {"sample", true},
+                                         {"dipole", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+
+bool exists(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+std::string triple(const Vec3 &v) {
+  return "(" + format_number(v[0], 4) + ", " + format_number(v[1], 4) + ", " + format_number(v[2], 4) + ")";
+}
+
+}  // namespace
+
+int plot_dipoles(int argc, char **argv) {
+  if (wants_help(argc, argv)) {
+    fputs(help, stdout);
+    return 0;
+  }
+  ParsedArgs args = parse_args(argc, argv, 1, options);
+  if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
+  set_quiet(args.has("quiet"));
+  std::string out = output_path(args);
+  std::string head = required(args, "head"), fit_path = required(args, "fit");
+  std::vector<HeadSurface> surfaces = head_surfaces(head);
+  std::vector<SourcePosition> fit = read_position_file(fit_path);
+
+  std::string sd_path = args.get_or("sd", exists(fit_path + ".sd") ? fit_path + ".sd" : "");
+  std::vector<SourcePosition> sd;
+  if (!sd_path.empty()) {
+    sd = read_position_file(sd_path, false);
+    if (sd.size() != fit.size())
+      fail(sd_path, "line 1", std::to_string(sd.size()) + " sources, but " + fit_path + " has " +
+                                  std::to_string(fit.size()));
+  }
+  std::optional<MatrixFile> moments;
+  int sample = 0;
+  if (auto mp = args.get("moments")) {
+    moments = read_matrix_file(*mp);
+    check_moment_rows(*moments, *mp, fit);
+    sample = chosen_sample(args, *moments, *mp);
+  }
+  double k = args.number("dipole").value_or(1);
+  if (k != std::floor(k) || k < 1 || k > (double)fit.size())
+    fail(fit_path, "", "no dipole " + args.get_or("dipole", "1") + ": the file has " + std::to_string(fit.size()));
+
+  DipoleSections s;
+  for (const auto &h : surfaces) {
+    s.surfaces.push_back(h.mesh);
+    s.names.push_back(base_name(h.file));
+  }
+  for (size_t i = 0; i < fit.size(); i++) {
+    SectionDipole d{fit[i].position, std::nullopt, dipole_moment(fit, i, moments ? &*moments : nullptr, sample),
+                    "fit " + std::to_string(i + 1)};
+    if (!sd.empty()) d.sd = sd[i].position;
+    s.fitted.push_back(d);
+    std::string line = (fit.size() > 1 ? "fit " + std::to_string(i + 1) + ": " : "fit: ") + triple(fit[i].position);
+    if (!sd.empty()) line += "  SD " + triple(sd[i].position);
+    s.notes.push_back(line);
+  }
+  s.cut = fit[(size_t)k - 1].position;
+  std::string files = "head " + base_name(head) + ", fit " + base_name(fit_path);
+  if (!sd_path.empty()) files += ", SD " + base_name(sd_path);
+  if (auto truth_path = args.get("truth")) {
+    std::vector<SourcePosition> truth = read_position_file(*truth_path);
+    for (size_t i = 0; i < truth.size(); i++) {
+      s.truths.push_back({truth[i].position, std::nullopt,
+                          truth[i].angles ? std::optional<Vec3>(direction_of_angles(*truth[i].angles)) : std::nullopt,
+                          "true " + std::to_string(i + 1)});
+      std::string line = "true: " + triple(truth[i].position);
+      if (i < fit.size()) {
+        const Vec3 &a = truth[i].position, &b = fit[i].position;
+        line += "  distance to fit " + std::to_string(i + 1) + ": " +
+                format_number(std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]), 3);
+      }
+      s.notes.push_back(line);
+    }
+    files += ", truth " + base_name(*truth_path);
+  }
+  s.title = "Fitted dipole" + std::string(fit.size() > 1 ? "s" : "") + ": sections through " +
+            (fit.size() > 1 ? "fit " + std::to_string((int)k) + " " : "") + triple(s.cut);
+  s.subtitle = "From " + files + (moments ? ", moments " + base_name(*args.get("moments")) : "") + ".";
+  SectionsLayout layout = sections_layout(s);
+  write_figure(out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
+  note("brelix-plot dipoles: wrote " + out);
+  return 0;
+}

@@ -1,0 +1,59 @@
+// Reading what the picture commands are given: electrodes placed on the
+// scalp, the sample chosen from a matrix file, dipole directions.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/args.h"
+#include "placement/electrode_file.h"
+#include "plotting/matrix_file.h"
+#include "plotting/position_file.h"
+#include "surface/mesh.h"
+
+// The file name without its folders, for titles.
+std::string base_name(const std::string &path);
+
+// The value of a required option; a usage error names it when missing.
+std::string required(const ParsedArgs &args, const std::string &name);
+
+// The output name (-o/--output), checked for a suffix the program can
+// write before anything is read.
+std::string output_path(const ParsedArgs &args);
+
+// The head an electrode file belongs to: --head when given, else the
+// folder of the electrode file when it holds geometry.ans (as `brelix-prep`
+// leaves them together).  A usage error when neither.
+std::string head_of_electrodes(const ParsedArgs &args, const std::string &electrodes);
+
+// Electrode positions and labels: the file `electrodes` placed on the scalp
+// of `head` (a head folder or a triangle file).
+struct PlacedElectrodes {
+  std::vector<Vec3> positions;
+  std::vector<std::string> labels;
+  Mesh scalp;
+};
+PlacedElectrodes place_electrodes(const std::string &electrodes, const std::string &head);
+
+// The column of `m` that --sample N (counted from 1) or --time T (seconds
+// from the first sample, by the file's sample frequency) chooses; the first
+// when neither is given.  Returns it counted from 0.  Throws InputError
+// naming `path` for a sample outside the file, or a time in a file whose
+// sample frequency is unknown.
+int chosen_sample(const ParsedArgs &args, const MatrixFile &m, const std::string &path);
+
+// Throws InputError naming `path` unless `m` has one row per electrode.
+void check_rows(const MatrixFile &m, const std::string &path, size_t electrodes, const std::string &electrode_file);
+
+// The moment direction of source `k` for a picture: its stationary
+// direction from the position file (signed by its amplitude in `moments`
+// when given), or the three moment rows of `moments` at `sample`.  None
+// when neither tells it.
+std::optional<Vec3> dipole_moment(const std::vector<SourcePosition> &sources, size_t k, const MatrixFile *moments,
+                                  int sample);
+
+// Throws InputError naming `path` when `moments` does not have the rows that
+// `sources` need (one or three per source, or these and three position rows
+// per source for moving dipoles).
+void check_moment_rows(const MatrixFile &moments, const std::string &path, const std::vector<SourcePosition> &sources);
