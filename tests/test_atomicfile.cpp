@@ -1,0 +1,127 @@
+// Files that appear whole or not at all: the old file stays until the new
+// one is complete, links are written through, devices in place, and no
+// temporary outlives a commit, an abandon, exit() or a user's signal.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "matrixio/atomicfile.h"
+#include "tests/support/files.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Names in `dir`, sorted.
+std::vector<std::string> names_in(const std::string &dir) {
+  std::vector<std::string> names;
+  for (const auto &e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+FILE *open_with(const std::string &path, const std::string &text) {
+  FILE *fp = atomic_open(path.c_str());
+  if (fp) fputs(text.c_str(), fp);
+  return fp;
+}
+
+TEST(AtomicFile, OldFileStaysUntilCommitAndKeepsItsPermissions) {
+  TempDir dir;
+  const std::string target = dir.file("result.mat");
+  write_file(target, "old");
+  chmod(target.c_str(), 0640);
+  for (bool commit : {false, true}) {
+    FILE *fp = open_with(target, "new contents");
+    ASSERT_NE(fp, nullptr);
+    EXPECT_EQ(names_in(dir.path()).size(), 2u);  // the temporary beside the target
+    EXPECT_EQ(read_file(target), "old");
+    if (commit)
+      ASSERT_EQ(atomic_commit(fp), 1);
+    else
+      atomic_abandon(fp);
+    EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"result.mat"});
+    EXPECT_EQ(read_file(target), commit ? "new contents" : "old");
+  }
+  struct stat st;
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
+// A link to an existing file and a dangling relative link: the link stays a
+// link, the file it names gets the contents, the temporary is made there.
+TEST(AtomicFile, SymbolicLinksAreWrittenThrough) {
+  TempDir dir;
+  fs::create_directory(dir.file("real"));
+  write_file(dir.file("real/a.mat"), "old");
+  fs::create_symlink(dir.file("real/a.mat"), dir.file("a.mat"));
+  fs::create_symlink("real/b.mat", dir.file("b.mat"));
+  for (const char *name : {"a.mat", "b.mat"}) {
+    FILE *fp = open_with(dir.file(name), name);
+    ASSERT_NE(fp, nullptr) << name;
+    EXPECT_EQ(names_in(dir.path()), (std::vector<std::string>{"a.mat", "b.mat", "real"}));
+    ASSERT_EQ(atomic_commit(fp), 1) << name;
+    EXPECT_TRUE(fs::is_symlink(dir.file(name)));
+    EXPECT_EQ(read_file(dir.file(std::string("real/") + name)), name);
+  }
+  EXPECT_EQ(names_in(dir.file("real")), (std::vector<std::string>{"a.mat", "b.mat"}));
+}
+
+TEST(AtomicFile, FailuresCarryTheSystemsReason) {
+  TempDir dir;
+  errno = 0;
+  EXPECT_EQ(atomic_open(dir.file("missing/x.mat").c_str()), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  // A device is written in place; a full one fails at the commit.
+  FILE *fp = open_with("/dev/full", "lost");
+  ASSERT_NE(fp, nullptr);
+  EXPECT_EQ(atomic_commit(fp), 0);
+  EXPECT_EQ(errno, ENOSPC);
+  // A folder cannot be replaced by a file.
+  fs::create_directory(dir.file("folder"));
+  fp = open_with(dir.file("folder"), "x");
+  ASSERT_NE(fp, nullptr);
+  EXPECT_EQ(atomic_commit(fp), 0);
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"folder"});
+}
+
+// A child opens a temporary beside an old file and then ends through exit()
+// or is stopped by a signal: the old file stays, the temporary goes.
+TEST(AtomicFile, NoTemporaryOutlivesExitOrASignal) {
+  const struct {
+    int signal;  // 0: exit(3)
+  } ends[] = {{0}, {SIGINT}, {SIGTERM}, {SIGHUP}};
+  for (const auto &end : ends) {
+    SCOPED_TRACE(end.signal);
+    TempDir dir;
+    const std::string target = dir.file("head.ama");
+    write_file(target, "old");
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      FILE *fp = open_with(target, "half");
+      if (!fp || fflush(fp) != 0) _exit(9);
+      if (end.signal) raise(end.signal);
+      exit(3);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    if (end.signal) {
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == end.signal) << status;
+    } else {
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+    }
+    EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"head.ama"});
+    EXPECT_EQ(read_file(target), "old");
+  }
+}
+
+}  // namespace

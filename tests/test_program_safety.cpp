@@ -1,0 +1,142 @@
+// Results are never lost or mixed, through the whole program: a run stopped
+// by the user, a full disk, two runs storing to one name, and stored
+// inverses damaged by NaN.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/files.h"
+#include "tests/support/program.h"
+
+namespace {
+
+// An -i job on one sphere of `level` with conductivity `sigma`, all
+// vertices electrodes, storing to `name`.
+std::string store_answers(const std::string &sphere, const std::string &sigma) { return sphere + "\n" + sigma + "\n\n\n"; }
+
+// Entries of `dir` that are temporaries of a result.
+int temporaries_in(const std::string &dir) {
+  int n = 0;
+  for (const auto &e : std::filesystem::directory_iterator(dir))
+    if (e.path().filename().string().find(".tmp") != std::string::npos) n++;
+  return n;
+}
+
+// Start brelix in `cwd` with `args`, its answers from the file `answers`,
+// its output discarded; returns the process id.
+pid_t start_brelix(const std::string &cwd, const std::vector<std::string> &args, const std::string &answers) {
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  int in = open(answers.c_str(), O_RDONLY), null = open("/dev/null", O_WRONLY);
+  if (in < 0 || null < 0 || chdir(cwd.c_str()) != 0) _exit(127);
+  dup2(in, 0), dup2(null, 1), dup2(null, 2);
+  std::vector<char *> argv = {const_cast<char *>(BRELIX_EXE)};
+  for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  argv.push_back(nullptr);
+  execv(BRELIX_EXE, argv.data());
+  _exit(127);
+}
+
+TEST(Safety, ASignalDuringTheStoreKeepsTheOldFileAndLeavesNoTemporary) {
+  TempDir dir, io;
+  // Three shells of 642 vertices: the system takes long enough to be
+  // stopped while its result file is still a temporary.
+  write_sphere(dir, "in.tri", 3, 0.087), write_sphere(dir, "mid.tri", 3, 0.092), write_sphere(dir, "out.tri", 3, 0.1);
+  write_file(io.file("answers"), "in.tri\n1\nmid.tri\n0.0125\nout.tri\n1\n\n\n");
+  const std::string old(1000, 'x');
+  for (int sig : {SIGTERM, SIGINT, SIGHUP}) {
+    SCOPED_TRACE(sig);
+    write_file(dir.file("head.ama"), old);
+    const pid_t pid = start_brelix(dir.path(), {"-i", "head.ama"}, io.file("answers"));
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    pid_t ended = 0;
+    while (temporaries_in(dir.path()) == 0 && (ended = waitpid(pid, &status, WNOHANG)) == 0)
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    ASSERT_EQ(ended, 0) << "the run ended before its result file was created";
+    kill(pid, sig);
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << "status " << status;
+    EXPECT_EQ(temporaries_in(dir.path()), 0);
+    EXPECT_EQ(read_file(dir.file("head.ama")), old);
+  }
+}
+
+// Two runs with different models store to one name at once: the file is
+// exactly one of the two complete results.
+TEST(Safety, TwoRunsStoringToOneNameLeaveOneCompleteFile) {
+  TempDir dir;
+  write_sphere(dir, "s.tri", 2, 0.1);
+  const std::string answers[2] = {store_answers("s.tri", "1"), store_answers("s.tri", "0.33")};
+  ProcResult r[2];
+  for (int k = 0; k < 2; k++) {
+    r[k] = run_brelix(dir.path(), {"-i", "alone" + std::to_string(k) + ".ama"}, answers[k]);
+    ASSERT_EQ(r[k].status, 0) << r[k].err;
+  }
+  std::thread other([&] { r[1] = run_brelix(dir.path(), {"-i", "shared.ama"}, answers[1]); });
+  r[0] = run_brelix(dir.path(), {"-i", "shared.ama"}, answers[0]);
+  other.join();
+  EXPECT_EQ(r[0].status, 0);
+  EXPECT_EQ(r[1].status, 0);
+  const std::string shared = read_file(dir.file("shared.ama")), a = read_file(dir.file("alone0.ama")),
+                    b = read_file(dir.file("alone1.ama"));
+  EXPECT_NE(a, b);
+  EXPECT_TRUE(shared == a || shared == b) << "a file of " << shared.size() << " bytes that is neither run's";
+  EXPECT_EQ(temporaries_in(dir.path()), 0);
+}
+
+// A small file system fills up: the -i job says why, ends with status 1 and
+// leaves the earlier file as it was.  Mounting needs root.
+TEST(Safety, AFullDiskKeepsTheOldFile) {
+  TempDir dir;
+  const std::string small = dir.file("small");
+  std::filesystem::create_directory(small);
+  if (geteuid() != 0 || mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
+    GTEST_SKIP() << "mounting a small tmpfs needs root";
+  write_sphere(dir, "s.tri", 2, 0.1);  // 162 vertices: about 110 kB to store
+  write_file(small + "/head.ama", "the earlier result");
+  const ProcResult r = run_brelix(dir.path(), {"-i", "small/head.ama"}, store_answers("s.tri", "1"));
+  const std::string kept = read_file(small + "/head.ama");
+  const int left = temporaries_in(small);
+  umount(small.c_str());
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("\nerror writing to small/head.ama: No space left on device\n\n\a\a"), std::string::npos) << r.out;
+  EXPECT_EQ(kept, "the earlier result");
+  EXPECT_EQ(left, 0);
+}
+
+// A NaN among the vertices or in the inverted matrix: the file is refused
+// as unreadable, and the command line with it.
+TEST(Safety, StoredInversesWithNaNAreRefused) {
+  TempDir dir;
+  write_sphere(dir, "s.tri", 1, 0.1);
+  ASSERT_EQ(run_brelix(dir.path(), {"-i", "good.ama"}, store_answers("s.tri", "1")).status, 0);
+  const ProcResult loaded = run_brelix(dir.path(), {"good.ama"}, "\n");
+  ASSERT_EQ(loaded.status, 0) << loaded.err;
+  const size_t at = loaded.out.find("bi starts at ");
+  ASSERT_NE(at, std::string::npos);
+  const size_t bi = std::stoul(loaded.out.substr(at + 13));
+  const std::string good = read_file(dir.file("good.ama"));
+  const float nan = NAN;
+  for (size_t offset : {(size_t)12 + 80 + 4 + 4, bi + 4 * 50}) {  // y of vertex 0; bi[1][51]
+    std::string bad = good;
+    memcpy(&bad[offset], &nan, 4);
+    write_file(dir.file("bad.ama"), bad);
+    const ProcResult r = run_brelix(dir.path(), {"bad.ama"}, "\n");
+    EXPECT_EQ(r.status, 1) << offset;
+    EXPECT_NE(r.out.find("\nerror reading bad.ama\n\n\a\a\nUsage:"), std::string::npos) << r.out;
+  }
+}
+
+}  // namespace
