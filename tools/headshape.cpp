@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "matrixio/atomicfile.h"
+
 const char *const head_layer_name[HEAD_LAYERS] = {"scalp", "skull", "brain"};
 const double head_layer_sigma[HEAD_LAYERS] = {0.33, 0.0042, 0.33};
 
@@ -51,8 +53,11 @@ bool write_head(const std::string &dir, int level, bool isolated) {
     ans += (isolated && k == HEAD_BRAIN ? "!" : "") + name + "\n" + sigma + "\n";
   }
   ans += "\n";
-  FILE *fp = fopen((dir + "/geometry.ans").c_str(), "w");
+  FILE *fp = atomic_open((dir + "/geometry.ans").c_str());
   if (!fp) return false;
-  bool ok = fwrite(ans.data(), 1, ans.size(), fp) == ans.size();
-  return fclose(fp) == 0 && ok;
+  if (fwrite(ans.data(), 1, ans.size(), fp) != ans.size()) {
+    atomic_abandon(fp);
+    return false;
+  }
+  return atomic_commit(fp) == 1;
 }
