@@ -1,0 +1,232 @@
+// brelix-prep data, driven as a user runs it, on recordings written by the
+// test itself from the published layouts.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "matrixio/readtail.h"
+#include "placement/electrode_file.h"
+#include "tests/companions/test_recordings_fixtures.h"
+#include "tests/support/process.h"
+#include "tests/support/program.h"
+
+namespace {
+
+constexpr double RATE = 20;   // Hz
+constexpr int RECORDS = 3;    // of one second each
+constexpr int SAMPLES = 60;
+const std::vector<std::string> FILE_LABELS = {"Fp1", "EEG T3", "Cz", "EOG"};
+// The electrode file's order differs from the recording's, and names T3 by
+// its new name T7.
+const char *ELECTRODES = "3\n1 0.1 0.1 !Cz\n2 0.2 0.2 !T7\n3 0.3 0.3 !Fp1\n";
+const int CHANNEL_OF_ROW[3] = {2, 1, 0};
+
+// Digital sample i of channel c: every value different, both signs.
+long digital(int c, int i, long scale) { return (((i * 37 + c * 101) % 400) - 200) * scale; }
+
+// EDF/BDF channels of physical range +-200 uV over digital +-2000*scale.
+std::vector<fixtures::Channel> edf_channels(long scale) {
+  std::vector<fixtures::Channel> out;
+  for (int c = 0; c < 4; c++) {
+    fixtures::Channel ch{FILE_LABELS[c], "uV", -200, 200, -2000 * scale, 2000 * scale, {}};
+    for (int i = 0; i < SAMPLES; i++) ch.digital.push_back(digital(c, i, scale));
+    out.push_back(ch);
+  }
+  return out;
+}
+
+double edf_volts(int c, int i, long scale) {
+  double d = (double)digital(c, i, scale);
+  return (-200 + (d + 2000.0 * scale) * 400.0 / (4000.0 * scale)) * 1e-6;
+}
+
+// BrainVision: channel c has resolution (c + 1) * 0.1 uV per unit.
+double bv_resolution(int c) { return (c + 1) * 0.1; }
+
+std::string write_bv(const TempDir &dir, bool float32, const std::vector<std::pair<std::string, long>> &markers = {}) {
+  std::vector<std::vector<double>> values(4);
+  for (int c = 0; c < 4; c++)
+    for (int i = 0; i < SAMPLES; i++) values[c].push_back(float32 ? digital(c, i, 1) + 0.25 : digital(c, i, 1));
+  std::vector<double> res;
+  for (int c = 0; c < 4; c++) res.push_back(bv_resolution(c));
+  return fixtures::write_brainvision(dir, float32 ? "bvf" : "bvi", FILE_LABELS, res, values, float32, 1e6 / RATE, markers);
+}
+
+std::string write_edf_plus(const TempDir &dir, const std::vector<fixtures::Annotation> &annotations) {
+  std::string path = dir.file("rec.edf");
+  write_file(path, fixtures::edf_bytes(edf_channels(1), RECORDS, 1.0, 2, annotations));
+  return path;
+}
+
+ProcResult run_data(const TempDir &dir, const std::string &recording, std::vector<std::string> extra) {
+  if (!file_exists(dir.file("head.elc"))) write_file(dir.file("head.elc"), ELECTRODES);
+  std::vector<std::string> args = {"data", recording, "--electrodes", dir.file("head.elc"), "-o", dir.file("out.mat")};
+  args.insert(args.end(), extra.begin(), extra.end());
+  return run_process(BRELIX_PREP_EXE, args, "");
+}
+
+// The output as brelix's own reader sees it, with the sample frequency item.
+MatrixFile read_output(const TempDir &dir, float *rate) {
+  MatrixFile m;
+  EXPECT_TRUE(read_matrix_file(dir.file("out.mat"), m));
+  *rate = -1;
+  tail_float((int)m.tail.size(), m.tail.data(), "sample freq", rate);
+  return m;
+}
+
+TEST(RecordingsData, EveryFormatGivesTheScaledSamplesInElectrodeOrder) {
+  struct Case {
+    const char *name;
+    std::function<std::string(const TempDir &)> write;
+    std::function<double(int c, int i)> volts;
+  };
+  const Case cases[] = {
+      {"EDF+", [](const TempDir &d) { return write_edf_plus(d, {{0.5, "stim"}}); },
+       [](int c, int i) { return edf_volts(c, i, 1); }},
+      {"BDF 24-bit",
+       [](const TempDir &d) {
+         write_file(d.file("rec.bdf"), fixtures::edf_bytes(edf_channels(1000), RECORDS, 1.0, 3));
+         return d.file("rec.bdf");
+       },
+       [](int c, int i) { return edf_volts(c, i, 1000); }},
+      {"BrainVision int16", [](const TempDir &d) { return write_bv(d, false); },
+       [](int c, int i) { return digital(c, i, 1) * bv_resolution(c) * 1e-6; }},
+      {"BrainVision float32", [](const TempDir &d) { return write_bv(d, true); },
+       [](int c, int i) { return (digital(c, i, 1) + 0.25) * bv_resolution(c) * 1e-6; }},
+  };
+  for (const auto &k : cases) {
+    SCOPED_TRACE(k.name);
+    TempDir dir;
+    ProcResult r = run_data(dir, k.write(dir), {});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("dropped: EOG"), std::string::npos) << r.err;
+    float rate;
+    MatrixFile m = read_output(dir, &rate);
+    EXPECT_EQ(rate, (float)RATE);
+    ASSERT_EQ(m.rows, 3);
+    ASSERT_EQ(m.cols, SAMPLES);
+    for (int e = 0; e < 3; e++)
+      for (int i = 0; i < SAMPLES; i++)
+        ASSERT_FLOAT_EQ(m.at(e + 1, i + 1), (float)k.volts(CHANNEL_OF_ROW[e], i)) << "row " << e << " sample " << i;
+  }
+}
+
+TEST(RecordingsData, EpochAverageMatchesAHandComputation) {
+  // Markers at samples 10 and 30 (0.5 s and 1.5 s); a marker of another text
+  // at 2 s must not count.  Epoch -0.1..0.2 s is samples -2..4 around each,
+  // baseline -0.1..0 s the first three of them.
+  struct Case {
+    const char *name, *marker;
+    std::function<std::string(const TempDir &)> write;
+    std::function<double(int c, int i)> volts;
+  };
+  const Case cases[] = {
+      {"EDF+ annotations", "stim",
+       [](const TempDir &d) { return write_edf_plus(d, {{0.5, "stim"}, {1.5, "stim"}, {2.0, "other"}}); },
+       [](int c, int i) { return edf_volts(c, i, 1); }},
+      {"BrainVision markers", "S  1",
+       [](const TempDir &d) { return write_bv(d, false, {{"S  1", 11}, {"S  1", 31}, {"S 11", 41}}); },
+       [](int c, int i) { return digital(c, i, 1) * bv_resolution(c) * 1e-6; }},
+  };
+  for (const auto &k : cases) {
+    SCOPED_TRACE(k.name);
+    TempDir dir;
+    ProcResult r = run_data(dir, k.write(dir),
+                            {"--average", k.marker, "--epoch", "-0.1:0.2", "--baseline", "-0.1:0", "--unit", "uV"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("averaged 2 epochs around marker '" + std::string(k.marker) + "'"), std::string::npos) << r.err;
+    float rate;
+    MatrixFile m = read_output(dir, &rate);
+    ASSERT_EQ(m.rows, 3);
+    ASSERT_EQ(m.cols, 7);
+    for (int e = 0; e < 3; e++) {
+      int c = CHANNEL_OF_ROW[e];
+      double avg[7], base = 0;
+      for (int k2 = 0; k2 < 7; k2++) avg[k2] = (k.volts(c, 8 + k2) + k.volts(c, 28 + k2)) / 2 * 1e6;
+      for (int k2 = 0; k2 < 3; k2++) base += avg[k2] / 3;
+      for (int k2 = 0; k2 < 7; k2++) EXPECT_NEAR(m.at(e + 1, k2 + 1), avg[k2] - base, 1e-4) << e << " " << k2;
+    }
+  }
+}
+
+TEST(RecordingsData, WindowsExclusionAndTables) {
+  TempDir dir;
+  std::string edf = write_edf_plus(dir, {{0.5, "stim"}});
+  // --tmin/--tmax keep both ends; --samples counts from 1.
+  struct Window {
+    std::vector<std::string> args;
+    int first, count;
+  };
+  const Window windows[] = {{{"--tmin", "0.5", "--tmax", "1"}, 10, 11}, {{"--samples", "3:7"}, 2, 5}};
+  for (const auto &w : windows) {
+    ProcResult r = run_data(dir, edf, w.args);
+    ASSERT_EQ(r.status, 0) << r.err;
+    float rate;
+    MatrixFile m = read_output(dir, &rate);
+    ASSERT_EQ(m.cols, w.count);
+    EXPECT_FLOAT_EQ(m.at(1, 1), (float)edf_volts(2, w.first, 1));
+    EXPECT_FLOAT_EQ(m.at(3, w.count), (float)edf_volts(0, w.first + w.count - 1, 1));
+  }
+
+  // Excluding T3 (the file's name for T7) leaves Cz and Fp1, in both outputs.
+  ProcResult r = run_data(dir, edf, {"--exclude", "T3", "--electrodes-out", dir.file("kept.elc")});
+  ASSERT_EQ(r.status, 0) << r.err;
+  float rate;
+  MatrixFile m = read_output(dir, &rate);
+  ASSERT_EQ(m.rows, 2);
+  EXPECT_FLOAT_EQ(m.at(2, 5), (float)edf_volts(0, 4, 1));
+  auto kept = read_electrode_file(dir.file("kept.elc"));
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[0].label, "Cz");
+  EXPECT_EQ(kept[1].label, "Fp1");
+  EXPECT_EQ(kept[1].index, 2);
+
+  // A table with a time column in milliseconds gives the sample frequency;
+  // its numbers are taken in the unit --input-unit names.
+  write_file(dir.file("t.csv"), "time_ms,cz,fp1,t7\n0,1.5,2,3\n2,4,5,6.25\n4,7,8,9\n");
+  r = run_data(dir, dir.file("t.csv"), {"--input-unit", "uV", "--unit", "uV"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  m = read_output(dir, &rate);
+  EXPECT_EQ(rate, 500.0f);
+  ASSERT_EQ(m.cols, 3);
+  EXPECT_EQ(std::vector<float>(m.values.begin(), m.values.begin() + 6), (std::vector<float>{1.5, 4, 7, 3, 6.25, 9}));
+}
+
+TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
+  TempDir dir;
+  std::string edf = write_edf_plus(dir, {{0.5, "stim"}, {2.5, "stim"}});
+  std::string whole = read_file(edf);
+  write_file(dir.file("header_cut.edf"), whole.substr(0, 600));
+  write_file(dir.file("data_cut.edf"), whole.substr(0, whole.size() - 300));
+  write_file(dir.file("o1.elc"), "2\n1 0.1 0.1 !Cz\n2 0.1 0.1 !O1\n");
+  write_file(dir.file("twice.elc"), "2\n1 0.1 0.1 !T3\n2 0.1 0.1 !t7\n");
+  struct Case {
+    std::string recording;
+    std::vector<std::string> extra;
+    std::string message;
+  };
+  const Case cases[] = {
+      {dir.file("none.edf"), {}, "none.edf: cannot open"},
+      {dir.file("header_cut.edf"), {}, "header_cut.edf: header: cannot be read as a recording"},
+      {dir.file("data_cut.edf"), {}, "data_cut.edf: data: cut short"},
+      {edf, {"--electrodes", dir.file("o1.elc")}, "has no channel for electrode O1"},
+      {edf, {"--electrodes", dir.file("twice.elc")}, "electrodes T3 and t7 name the same place"},
+      {edf, {"--average", "stim", "--epoch", "-0.1:0.6"}, "marker 'stim' at 2.5 s: its epoch -0.1 s to 0.6 s reaches past the end"},
+      {edf, {"--average", "S  1", "--epoch", "-0.1:0.1"}, "has no marker 'S  1' (its markers: 'stim')"},
+      {edf, {"--samples", "50:61"}, "samples 50 to 61 reaches past the recording, which holds samples 1 to 60"},
+  };
+  for (const auto &k : cases) {
+    SCOPED_TRACE(k.message);
+    ProcResult r = run_data(dir, k.recording, k.extra);
+    EXPECT_EQ(r.status, 2);
+    // The refusal is the last line (BioSig may have warned before it).
+    size_t last = r.err.rfind('\n', r.err.size() - 2) + 1;
+    EXPECT_EQ(r.err.compare(last, 18, "brelix-prep data: "), 0) << r.err;
+    EXPECT_NE(r.err.find(k.message, last), std::string::npos) << r.err;
+    EXPECT_FALSE(file_exists(dir.file("out.mat")));
+  }
+}
+
+}  // namespace
