@@ -112,10 +112,12 @@ std::string read_mat_text(const std::string &path, const std::string &name) {
   MatFile m = open_mat(path);
   MatVar v(Mat_VarRead(m.get(), name.c_str()));
   if (!v || v->class_type != MAT_C_CHAR || !v->data) return "";
-  size_t n = Mat_VarGetSize(v.get()) / (size_t)(v->data_size > 0 ? v->data_size : 1);
+  if (v->rank != 2 || !v->dims) return "";
+  size_t n = v->dims[0] * v->dims[1];
+  bool wide = v->data_type == MAT_T_UINT16 || v->data_type == MAT_T_UTF16 || v->data_type == MAT_T_INT16;
   std::string text;
   for (size_t k = 0; k < n; k++) {
-    unsigned code = v->data_size == 2 ? ((const uint16_t *)v->data)[k] : ((const uint8_t *)v->data)[k];
+    unsigned code = wide ? ((const uint16_t *)v->data)[k] : ((const uint8_t *)v->data)[k];
     text += code < 256 ? (char)code : '?';
   }
   return text;

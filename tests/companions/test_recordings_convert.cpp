@@ -1,0 +1,191 @@
+// brelix-prep convert (and the array inputs of brelix-prep data): matrix
+// files to CSV, TSV, NumPy and MATLAB and back, NumPy arrays of every kind
+// written by the test from the published layout, and refusals.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+#include "tests/support/program.h"
+
+namespace {
+
+std::string le32(uint32_t w) {
+  std::string s;
+  for (int b = 0; b < 4; b++) s += char((w >> (8 * b)) & 0xff);
+  return s;
+}
+
+// A brelix matrix file, little-endian (or big-endian when `big`).
+std::string matrix_bytes(int rows, int cols, const std::vector<float> &v, const std::string &tail, bool big = false) {
+  auto word = [&](uint32_t w) {
+    std::string s = le32(w);
+    return big ? std::string(s.rbegin(), s.rend()) : s;
+  };
+  std::string s = word((uint32_t)rows) + word((uint32_t)cols);
+  for (float f : v) {
+    uint32_t u;
+    memcpy(&u, &f, 4);
+    s += word(u);
+  }
+  return s + tail;
+}
+
+// A .npy file: `descr` such as "<f8", shape rows x cols, the raw data bytes.
+std::string npy_bytes(const std::string &descr, bool fortran, int rows, int cols, const std::string &data,
+                      int major = 1) {
+  std::string dict = "{'descr': '" + descr + "', 'fortran_order': " + (fortran ? "True" : "False") + ", 'shape': (" +
+                     std::to_string(rows) + ", " + std::to_string(cols) + "), }";
+  size_t head = major == 1 ? 10 : 12;
+  dict.append((64 - (head + dict.size() + 1) % 64) % 64, ' ');
+  dict += '\n';
+  std::string s = "\x93NUMPY" + std::string(1, (char)major) + std::string(1, '\0');
+  std::string len = le32((uint32_t)dict.size());
+  s += major == 1 ? len.substr(0, 2) : len;
+  return s + dict + data;
+}
+
+// Element bytes of value x in the given type and byte order.
+std::string element(double x, char kind, int size, bool big) {
+  unsigned char b[8];
+  if (kind == 'f' && size == 4) {
+    float f = (float)x;
+    memcpy(b, &f, 4);
+  } else if (kind == 'f') {
+    memcpy(b, &x, 8);
+  } else if (size == 2) {
+    int16_t i = (int16_t)x;
+    memcpy(b, &i, 2);
+  } else {
+    int32_t i = (int32_t)x;
+    memcpy(b, &i, 4);
+  }
+  std::string s((const char *)b, (size_t)size);
+  return big ? std::string(s.rbegin(), s.rend()) : s;
+}
+
+ProcResult prep(const std::vector<std::string> &args) { return run_process(BRELIX_PREP_EXE, args, ""); }
+
+const std::vector<float> VALUES = {1.5f, -2, 0.25f, 1.0f / 3, -1e-7f, 3e30f};  // 2 x 3
+
+TEST(RecordingsConvert, EveryFormatRoundTripsTheValuesAndMatlabTheTail) {
+  TempDir dir;
+  std::string tail = "sample frequency\n500 Hz\nfit of run 3\n";
+  std::string original = matrix_bytes(2, 3, VALUES, tail);
+  write_file(dir.file("m.bin"), original);
+  struct Case {
+    const char *out;
+    std::vector<std::string> extra;
+    bool keeps_tail;
+  };
+  const Case cases[] = {{"m.csv", {}, false},       {"m.tsv", {}, false},
+                        {"m.npy", {}, false},       {"m.mat", {}, true},
+                        {"m73.mat", {"--v73"}, true}};
+  for (const auto &k : cases) {
+    SCOPED_TRACE(k.out);
+    std::vector<std::string> there = {"convert", dir.file("m.bin"), dir.file(k.out)};
+    there.insert(there.end(), k.extra.begin(), k.extra.end());
+    ProcResult r = prep(there);
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = prep({"convert", dir.file(k.out), dir.file("back.bin")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(read_file(dir.file("back.bin")), k.keeps_tail ? original : matrix_bytes(2, 3, VALUES, ""));
+  }
+  // The text and NumPy forms as other programs read them.
+  EXPECT_EQ(read_file(dir.file("m.csv")), "1.5,-2,0.25\n0.333333343,-1.00000001e-07,2.99999989e+30\n");
+  EXPECT_EQ(read_file(dir.file("m.tsv")).substr(0, 12), "1.5\t-2\t0.25\n");
+  std::string npy = read_file(dir.file("m.npy"));
+  ASSERT_EQ(npy.size(), 128u + 24);
+  EXPECT_EQ(npy.substr(0, 8), std::string("\x93NUMPY\x01\x00", 8));
+  EXPECT_NE(npy.find("'descr': '<f4', 'fortran_order': False, 'shape': (2, 3)"), std::string::npos);
+  EXPECT_EQ(npy.substr(128), original.substr(8, 24));
+}
+
+TEST(RecordingsConvert, NumpyArraysOfEveryKindAndBothByteOrders) {
+  TempDir dir;
+  // The 2 x 3 array 1 -2 3 / 40 -50 600 in every element type and layout.
+  const double a[2][3] = {{1, -2, 3}, {40, -50, 600}};
+  struct Case {
+    const char *descr;
+    bool fortran;
+    int major;
+  };
+  const Case cases[] = {{"<f4", false, 1}, {">f8", true, 1}, {"<i2", true, 2}, {">i4", false, 1}, {">i2", false, 3}};
+  for (const auto &k : cases) {
+    SCOPED_TRACE(k.descr);
+    bool big = k.descr[0] == '>';
+    int size = k.descr[2] - '0';
+    std::string data;
+    for (int i = 0; i < 6; i++) {
+      int r = k.fortran ? i % 2 : i / 3, c = k.fortran ? i / 2 : i % 3;
+      data += element(a[r][c], k.descr[1], size, big);
+    }
+    write_file(dir.file("a.npy"), npy_bytes(k.descr, k.fortran, 2, 3, data, k.major));
+    ProcResult r = prep({"convert", dir.file("a.npy"), dir.file("a.bin")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    MatrixFile m;
+    ASSERT_TRUE(read_matrix_file(dir.file("a.bin"), m));
+    EXPECT_EQ(m.values, (std::vector<float>{1, -2, 3, 40, -50, 600}));
+  }
+  // A matrix file of the other byte order reads as brelix reads it.
+  write_file(dir.file("big.bin"), matrix_bytes(2, 3, VALUES, "", true));
+  ASSERT_EQ(prep({"convert", dir.file("big.bin"), dir.file("big.csv")}).status, 0);
+  EXPECT_EQ(read_file(dir.file("big.csv")).substr(0, 12), "1.5,-2,0.25\n");
+}
+
+TEST(RecordingsConvert, ArraysServeAsRecordingsWithTheirLabels) {
+  // Channels as columns of a MATLAB v7.3 array (rows are samples), labelled
+  // on the command line.
+  TempDir dir;
+  std::vector<float> samples = {1, 10, 100, 2, 20, 200, 3, 30, 300, 4, 40, 400};  // 4 samples x 3 channels
+  write_file(dir.file("s.bin"), matrix_bytes(4, 3, samples, ""));
+  ASSERT_EQ(prep({"convert", dir.file("s.bin"), dir.file("s.mat"), "--v73", "--variable", "eeg"}).status, 0);
+  write_file(dir.file("e.elc"), "2\n1 0.1 0.1 !Pz\n1 0.2 0.2 !Fz\n");
+  ProcResult r = prep({"data", dir.file("s.mat"), "--labels", "Fz,Cz,Pz", "--sfreq", "250", "--electrodes",
+                       dir.file("e.elc"), "-o", dir.file("d.bin"), "--samples", "2:4"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  MatrixFile m;
+  ASSERT_TRUE(read_matrix_file(dir.file("d.bin"), m));
+  EXPECT_EQ(m.rows, 2);
+  EXPECT_EQ(m.values, (std::vector<float>{200, 300, 400, 2, 3, 4}));
+  EXPECT_EQ(m.tail.substr(0, 24), "sample frequency\n250 Hz\n");
+}
+
+TEST(RecordingsConvert, BadInputIsRefusedAndWritesNothing) {
+  TempDir dir;
+  std::string six_doubles;
+  for (int i = 0; i < 6; i++) six_doubles += element(i, 'f', 8, false);
+  write_file(dir.file("short.npy"), npy_bytes("<f8", false, 2, 3, six_doubles.substr(0, 40)));
+  std::string cube = npy_bytes("<f8", false, 2, 3, six_doubles);
+  cube.replace(cube.find("(2, 3)"), 6, "(1, 2, 3)");
+  write_file(dir.file("cube.npy"), cube);
+  write_file(dir.file("complex.npy"), npy_bytes("<c8", false, 1, 3, six_doubles));
+  write_file(dir.file("short.bin"), matrix_bytes(3, 3, VALUES, ""));
+  write_file(dir.file("m.bin"), matrix_bytes(2, 3, VALUES, ""));
+  ASSERT_EQ(prep({"convert", dir.file("m.bin"), dir.file("m.mat")}).status, 0);
+  struct Case {
+    std::vector<std::string> args;
+    std::string message;
+  };
+  const Case cases[] = {
+      {{dir.file("short.npy")}, "short.npy: data: cut short"},
+      {{dir.file("cube.npy")}, "cube.npy: header: holds a 3-dimensional array"},
+      {{dir.file("complex.npy")}, "element type '<c8' is none of float32, float64, int16, int32"},
+      {{dir.file("short.bin"), "--to", "csv"}, "short.bin: data: cut short: 3 x 3 values announced, 6 there"},
+      {{dir.file("m.mat"), "--variable", "eeg"}, "m.mat: holds no variable 'eeg'"},
+  };
+  for (const auto &k : cases) {
+    SCOPED_TRACE(k.message);
+    std::vector<std::string> args = {"convert", k.args[0], dir.file("out.bin")};
+    args.insert(args.end(), k.args.begin() + 1, k.args.end());
+    ProcResult r = prep(args);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err.rfind("brelix-prep convert: ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(k.message), std::string::npos) << r.err;
+    EXPECT_FALSE(file_exists(dir.file("out.bin")));
+  }
+}
+
+}  // namespace
