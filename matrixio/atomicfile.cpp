@@ -74,13 +74,19 @@ std::string name_of(const std::string &path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// Links into /proc (/dev/stdout, /proc/self/fd/N) name open files, not
+// folder entries: there is nothing to rename over, so they are written in
+// place.
+bool is_proc_path(const std::string &path) { return path.rfind("/proc/", 0) == 0; }
+
 // The file a chain of symbolic links ends at (which need not exist yet); a
 // path that is no link is its own end.  Relative link contents count from
-// the link's folder.  A loop is cut after as many steps as the system
-// itself follows, and the open then fails as it would have anyway.
+// the link's folder.  The chain stops at a path into /proc.  A loop is cut
+// after as many steps as the system itself follows, and the open then
+// fails as it would have anyway.
 std::string resolve_links(const char *target) {
   std::string path = target;
-  for (int step = 0; step < 40; step++) {
+  for (int step = 0; step < 40 && !is_proc_path(path); step++) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) break;
     std::vector<char> buf(st.st_size > 0 ? (size_t)st.st_size + 1 : (size_t)NAME_MAX_LEN);
@@ -174,7 +180,7 @@ FILE *atomic_open(const char *target) {
   // renaming, and must not be: it is written in place.
   struct stat st;
   const bool exists = stat(real.c_str(), &st) == 0;
-  if (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+  if (is_proc_path(real) || (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
     FILE *fp = fopen(real.c_str(), "wb");
     if (fp) {
       free_slot->direct = true;
@@ -247,6 +253,16 @@ void atomic_abandon(FILE *fp) {
   fclose(fp);
   if (!s->direct) unlink(s->temp);
   release(s);
+}
+
+void atomic_abandon_all() {
+  std::lock_guard<std::mutex> guard(slots_lock);
+  for (Slot &s : slots)
+    if (s.used.load()) {
+      fclose(s.fp);
+      if (!s.direct) unlink(s.temp);
+      release(&s);
+    }
 }
 
 const char *atomic_target(FILE *fp) {

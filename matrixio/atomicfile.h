@@ -10,7 +10,8 @@
 //
 // A target that is a symbolic link is written through: the file the link
 // points to is replaced and the link stays.  A target that is a device or a
-// pipe (/dev/null, /dev/stdout, a FIFO) is written in place.  A rewritten
+// pipe (/dev/null, /dev/stdout, a FIFO), or a path into /proc (an open file
+// such as /proc/self/fd/N), is written in place.  A rewritten
 // file keeps its permissions.
 #pragma once
 
@@ -31,6 +32,10 @@ int atomic_commit(FILE *fp);
 // Give up a stream from atomic_open: close it and remove its temporary file.
 // The target stays as it was.
 void atomic_abandon(FILE *fp);
+
+// Give up every stream from atomic_open still open, as atomic_abandon does.
+// For a process that goes on after a job in it was cut short.
+void atomic_abandon_all();
 
 // The file a stream from atomic_open will replace (a link's destination), or
 // nullptr for a stream that did not come from atomic_open.

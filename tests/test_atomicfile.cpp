@@ -2,6 +2,7 @@
 // one is complete, links are written through, devices in place, and no
 // temporary outlives a commit, an abandon, exit() or a user's signal.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -91,6 +92,31 @@ TEST(AtomicFile, FailuresCarryTheSystemsReason) {
   EXPECT_EQ(atomic_commit(fp), 0);
   EXPECT_EQ(errno, EISDIR);
   EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"folder"});
+}
+
+// An open file named through /proc has no folder entry to rename over: it
+// is written in place.  A harness that goes on after a cut-short job gives
+// up all open results at once.
+TEST(AtomicFile, ProcPathsInPlaceAndAbandonAll) {
+  TempDir dir;
+  const std::string file = dir.file("open.mat");
+  write_file(file, "old");
+  const int fd = open(file.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  FILE *fp = open_with("/proc/self/fd/" + std::to_string(fd), "in place");
+  ASSERT_NE(fp, nullptr);
+  EXPECT_EQ(atomic_commit(fp), 1);
+  char seen[16] = {};
+  EXPECT_EQ(pread(fd, seen, sizeof seen - 1, 0), 8);
+  close(fd);
+  EXPECT_STREQ(seen, "in place");  // the open file itself, not a new one
+  EXPECT_EQ(read_file(file), "in place");
+  ASSERT_NE(open_with(file, "a"), nullptr);
+  ASSERT_NE(open_with(dir.file("b.mat"), "b"), nullptr);
+  EXPECT_EQ(names_in(dir.path()).size(), 3u);
+  atomic_abandon_all();
+  EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"open.mat"});
+  EXPECT_EQ(read_file(file), "in place");
 }
 
 // A child opens a temporary beside an old file and then ends through exit()

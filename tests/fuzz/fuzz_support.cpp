@@ -13,6 +13,7 @@
 
 #include "forwinv/compart.h"
 #include "forwinv/forwinv.h"
+#include "matrixio/atomicfile.h"
 #include "matrixio/matrix.h"
 #include "numeric/nrutils.h"
 
@@ -173,6 +174,9 @@ int catching_exit(const std::function<void()> &fn) {
   } else {
     status = exit_status;
   }
+  // Results cut short by the fatal path: their temporaries go first (their
+  // streams are closed there), then whatever else was left open.
+  atomic_abandon_all();
   while (!open_streams.empty()) __wrap_fclose(open_streams.back());
   fflush(stdout);
   return status;
