@@ -57,15 +57,11 @@ std::string triple(const Vec3 &v) {
 
 }  // namespace
 
-int plot_dipoles(int argc, char **argv) {
-  if (wants_help(argc, argv)) {
-    fputs(help, stdout);
-    return 0;
-  }
+DipoleSections sections_from_command_line(int argc, char **argv, std::string &out) {
   ParsedArgs args = parse_args(argc, argv, 1, options);
   if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
   set_quiet(args.has("quiet"));
-  std::string out = output_path(args);
+  out = output_path(args);
   std::string head = required(args, "head"), fit_path = required(args, "fit");
   std::vector<HeadSurface> surfaces = head_surfaces(head);
   std::vector<SourcePosition> fit = read_position_file(fit_path);
@@ -125,6 +121,16 @@ int plot_dipoles(int argc, char **argv) {
   s.title = "Fitted dipole" + std::string(fit.size() > 1 ? "s" : "") + ": sections through " +
             (fit.size() > 1 ? "fit " + std::to_string((int)k) + " " : "") + triple(s.cut);
   s.subtitle = "From " + files + (moments ? ", moments " + base_name(*args.get("moments")) : "") + ".";
+  return s;
+}
+
+int plot_dipoles(int argc, char **argv) {
+  if (wants_help(argc, argv)) {
+    fputs(help, stdout);
+    return 0;
+  }
+  std::string out;
+  DipoleSections s = sections_from_command_line(argc, argv, out);
   SectionsLayout layout = sections_layout(s);
   write_figure(out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
   note("brelix-plot dipoles: wrote " + out);

@@ -66,15 +66,11 @@ std::vector<double> referenced(const MatrixFile &m, int sample) {
 
 }  // namespace
 
-int plot_topomap(int argc, char **argv) {
-  if (wants_help(argc, argv)) {
-    fputs(help, stdout);
-    return 0;
-  }
+Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
   ParsedArgs args = parse_args(argc, argv, 1, options);
   if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
   set_quiet(args.has("quiet"));
-  std::string out = output_path(args);
+  out = output_path(args);
   std::string elc = required(args, "electrodes"), data_path = required(args, "data");
   PlacedElectrodes el = place_electrodes(elc, head_of_electrodes(args, elc));
 
@@ -130,6 +126,16 @@ int plot_topomap(int argc, char **argv) {
             (f ? " (t = " + format_number(1000.0 * sample / *f, 4) + " ms)" : "") +
             (t.panels.size() > 1 ? ": measured and model" : "");
   t.subtitle = "From " + files + "; average reference, top view.";
+  return t;
+}
+
+int plot_topomap(int argc, char **argv) {
+  if (wants_help(argc, argv)) {
+    fputs(help, stdout);
+    return 0;
+  }
+  std::string out;
+  Topomap t = topomap_from_command_line(argc, argv, out);
   TopomapLayout layout = topomap_layout(t);
   write_figure(out, layout.width, layout.height, [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
   note("brelix-plot topomap: wrote " + out);

@@ -1,0 +1,143 @@
+// brelix-plot as a user runs it: every command writes each picture format,
+// and bad input ends with a message and status 2 and leaves nothing behind.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+
+namespace {
+
+// A small head (three spheres), electrodes on its scalp's vertices, data of
+// two samples, a fit and its standard deviations.
+struct Scene {
+  TempDir dir;
+  Scene() {
+    const char *names[] = {"scalp.tri", "skull.tri", "brain.tri"};
+    const double radii[] = {1.0, 0.92, 0.88};
+    std::string ans;
+    for (int i = 0; i < 3; i++) {
+      write_sphere(dir, names[i], 2, radii[i]);
+      ans += std::string(names[i]) + "\n" + (i == 1 ? "0.0125" : "1") + "\n";
+    }
+    write_file(dir.file("geometry.ans"), ans + "\n");
+    std::string elc = "20\n";
+    for (int e = 1; e <= 20; e++) elc += std::to_string(e) + " " + std::to_string(e) + "\n";
+    write_file(dir.file("e.elc"), elc);
+    std::vector<float> v;
+    for (int e = 0; e < 20; e++) v.insert(v.end(), {(float)std::sin(e), (float)std::cos(e)});
+    matrix("d.mat", 20, 2, v);
+    matrix("scalp.mat", 162, 1, std::vector<float>(162, 0.5f));
+    matrix("fit.mat", 3, 2, {0.1f, 0.2f, 0.0f, 0.1f, 1.0f, 0.5f});
+    write_file(dir.file("fit.pos"), "1\n1 0.2 0.3 0.5\n1 position stationary\n");
+    write_file(dir.file("fit.pos.sd"), "1\n1 0.01 0.02 0.01\n");
+    write_file(dir.file("truth.pos"), "1\n1 0.25 0.3 0.45\n");
+    std::filesystem::create_directory(dir.file("out"));
+  }
+  void matrix(const std::string &name, int32_t rows, int32_t cols, const std::vector<float> &v) {
+    std::ofstream f(dir.file(name), std::ios::binary);
+    int32_t rc[2] = {rows, cols};
+    f.write((const char *)rc, 8);
+    f.write((const char *)v.data(), (std::streamsize)(4 * v.size()));
+    f << "sample frequency\n500 Hz\n";
+  }
+  ProcResult run(std::vector<std::string> args) { return run_process(BRELIX_PLOT_EXE, args, "", dir.path(), 60); }
+  std::set<std::string> outputs() {
+    std::set<std::string> names;
+    for (auto &e : std::filesystem::directory_iterator(dir.file("out"))) names.insert(e.path().filename().string());
+    return names;
+  }
+};
+
+std::vector<std::string> command(const std::string &which, const std::string &out) {
+  if (which == "topomap")
+    return {"topomap", "--electrodes", "e.elc", "--data", "d.mat", "--model", "d.mat", "--dipoles", "fit.pos",
+            "--moments", "fit.mat", "--sample", "2", "-o", out};
+  if (which == "dipoles") return {"dipoles", "--head", ".", "--fit", "fit.pos", "--truth", "truth.pos", "-o", out};
+  if (which == "timecourse") return {"timecourse", "--fit", "fit.mat", "--sources", "fit.pos", "-o", out};
+  return {"head", "--head", ".", "--electrodes", "e.elc", "--potentials", "scalp.mat", "--view", "left", "-o", out};
+}
+
+// Well-formed XML, checked simply: tags nest and close, and nothing but
+// white space follows the root.
+bool well_formed(const std::string &xml) {
+  std::vector<std::string> open;
+  bool root_closed = false;
+  for (size_t i = 0; i < xml.size();) {
+    if (xml[i] != '<') {
+      if (root_closed && !isspace((unsigned char)xml[i])) return false;
+      i++;
+      continue;
+    }
+    size_t end = xml.find('>', i);
+    if (end == std::string::npos) return false;
+    std::string tag = xml.substr(i + 1, end - i - 1);
+    i = end + 1;
+    if (tag[0] == '?' || tag[0] == '!') continue;  // declaration, comment
+    if (tag[0] == '/') {
+      if (open.empty() || open.back() != tag.substr(1)) return false;
+      open.pop_back();
+      root_closed = open.empty();
+    } else if (tag.back() != '/') {
+      if (root_closed) return false;
+      open.push_back(tag.substr(0, tag.find_first_of(" \t\n")));
+    }
+  }
+  return open.empty() && root_closed;
+}
+
+TEST(PlotProgram, EveryCommandWritesEachFormat) {
+  Scene s;
+  for (const char *which : {"topomap", "dipoles", "timecourse", "head"})
+    for (const char *suffix : {".png", ".svg", ".pdf"}) {
+      std::string out = std::string("out/") + which + suffix;
+      ProcResult r = s.run(command(which, out));
+      ASSERT_EQ(r.status, 0) << which << suffix << ": " << r.err;
+      std::string body = read_file(s.dir.file(out));
+      std::string what = std::string(which) + suffix;
+      if (suffix == std::string(".png")) {
+        EXPECT_EQ(body.substr(0, 8), "\x89PNG\r\n\x1a\n") << what;
+      } else if (suffix == std::string(".svg")) {
+        EXPECT_TRUE(well_formed(body)) << what;
+      } else {
+        EXPECT_EQ(body.substr(0, 5), "%PDF-") << what;
+        EXPECT_EQ(body.substr(body.find_last_not_of("\r\n") - 4, 5), "%%EOF") << what;
+      }
+    }
+  EXPECT_EQ(s.outputs().size(), 12u);
+}
+
+TEST(PlotProgram, BadInputIsRefusedWithStatusTwoAndNoPicture) {
+  Scene s;
+  s.matrix("d19.mat", 19, 2, std::vector<float>(38, 1.0f));
+  std::filesystem::create_directory(s.dir.file("empty"));
+  write_file(s.dir.file("empty/geometry.ans"), "\n");
+  const struct {
+    std::vector<std::string> args;
+    std::string message;
+  } cases[] = {
+      {{"topomap", "--electrodes", "e.elc", "--data", "d19.mat", "-o", "out/x.png"},
+       "d19.mat: has 19 rows, but e.elc has 20 electrodes"},
+      {{"topomap", "--electrodes", "e.elc", "--data", "d.mat", "--sample", "3", "-o", "out/x.png"},
+       "d.mat: sample 3: past the end: the file has 2 samples"},
+      {{"topomap", "--electrodes", "e.elc", "--data", "d.mat", "--time", "0.004", "-o", "out/x.png"},
+       "d.mat: time 0.004: outside the recording"},
+      {{"dipoles", "--head", "empty", "--fit", "fit.pos", "-o", "out/x.png"}, "empty/geometry.ans"},
+      {{"head", "--head", ".", "--potentials", "d.mat", "-o", "out/x.png"}, "d.mat: has 20 rows, but the scalp has 162"},
+      {{"timecourse", "--fit", "d.mat", "--sources", "fit.pos", "-o", "out/x.png"}, "d.mat: has 20 rows, but the 1"},
+      {{"dipoles", "--head", ".", "--fit", "fit.pos", "-o", "missing/x.png"}, "missing/x.png"},
+      {{"head", "--head", ".", "-o", "out/x.jpg"}, "must end in .png, .svg or .pdf"},
+  };
+  for (const auto &c : cases) {
+    ProcResult r = s.run(c.args);
+    EXPECT_EQ(r.status, 2) << c.message << "\n" << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_TRUE(s.outputs().empty()) << c.message;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+// Pictures read back pixel by pixel: the figures the topomap and dipoles
+// commands build from their files, rendered into memory.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+
+#include "cli/failure.h"
+#include "plotting/colormap.h"
+#include "plotting/dense_solve.h"
+#include "plotting/dipoles_command.h"
+#include "plotting/figure.h"
+#include "plotting/matrix_file.h"
+#include "plotting/spherical_spline.h"
+#include "plotting/topomap_command.h"
+#include "tests/support/files.h"
+
+namespace {
+
+void write_matrix(const std::string &path, int rows, int cols, const std::vector<float> &v, const std::string &tail) {
+  std::ofstream f(path, std::ios::binary);
+  int32_t rc[2] = {rows, cols};
+  f.write((const char *)rc, 8);
+  f.write((const char *)v.data(), (std::streamsize)(4 * v.size()));
+  f << tail;
+}
+
+// Run a command's figure builder on an argument list.
+template <class F>
+auto build(F builder, std::vector<std::string> args) {
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(a.data());
+  std::string out;
+  return builder((int)argv.size(), argv.data(), out);
+}
+
+struct Image {
+  cairo_surface_t *s;
+  explicit Image(cairo_surface_t *surface) : s(surface) {}
+  ~Image() { cairo_surface_destroy(s); }
+  // Colour of pixel (x, y), 0..255 per channel.
+  std::array<int, 3> at(int x, int y) const {
+    const unsigned char *row = cairo_image_surface_get_data(s) + (size_t)y * cairo_image_surface_get_stride(s);
+    uint32_t p;
+    memcpy(&p, row + 4 * x, 4);
+    return {(int)(p >> 16 & 255), (int)(p >> 8 & 255), (int)(p & 255)};
+  }
+};
+
+// Where on the diverging map (-1..1) a pixel's colour lies.
+double map_position(std::array<int, 3> c) {
+  double best = HUGE_VAL, where = 0;
+  for (int i = 0; i <= 400; i++) {
+    Rgb m = diverging_colour(i / 200.0 - 1);
+    double d = std::hypot(m.r * 255 - c[0], m.g * 255 - c[1], m.b * 255 - c[2]);
+    if (d < best) best = d, where = i / 200.0 - 1;
+  }
+  return where;
+}
+
+bool near(std::array<int, 3> c, const double rgb[3], int tol) {
+  for (int k = 0; k < 3; k++)
+    if (std::abs(c[k] - (int)std::lround(rgb[k] * 255)) > tol) return false;
+  return true;
+}
+
+TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResidual) {
+  TempDir dir;
+  std::string scalp = write_sphere(dir, "scalp.tri", 2, 1.0);
+  TriMesh sphere = icosphere(2, 1.0);
+  // Vertex electrodes on the upper part of the sphere; sample 2 holds -x, so
+  // the leftmost electrode is the positive maximum.
+  std::string elc;
+  std::vector<int> chosen;
+  for (size_t v = 0; v < sphere.pnt.size(); v++)
+    if (sphere.pnt[v][2] > -0.1) chosen.push_back((int)v);
+  elc = std::to_string(chosen.size()) + "\n";
+  std::vector<float> data;
+  for (size_t e = 0; e < chosen.size(); e++) elc += std::to_string(e + 1) + " " + std::to_string(chosen[e] + 1) + "\n";
+  for (int v : chosen) data.insert(data.end(), {sphere.pnt[v][0], -sphere.pnt[v][0]});
+  write_file(dir.file("e.elc"), elc);
+  write_matrix(dir.file("d.mat"), (int)chosen.size(), 2, data, "sample frequency\n100 Hz\n");
+
+  Topomap t = build(topomap_from_command_line, {"topomap", "--electrodes", dir.file("e.elc"), "--head", scalp, "--data",
+                                                dir.file("d.mat"), "--model", dir.file("d.mat"), "--time", "0.01",
+                                                "-o", dir.file("t.png")});
+  ASSERT_EQ(t.panels.size(), 3u);
+  ASSERT_TRUE(t.relative_difference);
+  EXPECT_EQ(*t.relative_difference, 0);
+  t.show_dots = t.show_labels = t.show_contours = false;
+  TopomapLayout l = topomap_layout(t);
+  Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_topomap(cr, t, l); }));
+
+  size_t lo = 0, hi = 0;
+  for (size_t e = 0; e < chosen.size(); e++) {
+    if (t.panels[0].values[e] > t.panels[0].values[hi]) hi = e;
+    if (t.panels[0].values[e] < t.panels[0].values[lo]) lo = e;
+  }
+  EXPECT_LT(t.electrodes[hi][0], -0.9);  // the second sample was chosen
+  for (int panel : {0, 1}) {
+    auto p = topomap_pixel(l, panel, t.electrodes[hi]), q = topomap_pixel(l, panel, t.electrodes[lo]);
+    EXPECT_GT(map_position(img.at((int)p[0], (int)p[1])), 0.75) << "panel " << panel;
+    EXPECT_LT(map_position(img.at((int)q[0], (int)q[1])), -0.75) << "panel " << panel;
+  }
+  Rgb zero = diverging_colour(0);
+  const double neutral[3] = {zero.r, zero.g, zero.b};
+  int checked = 0;
+  for (int y = 0; y < l.height; y++)
+    for (int x = 0; x < l.width; x++)
+      if (std::hypot(x + 0.5 - l.centres[2][0], y + 0.5 - l.centres[2][1]) < 0.97 * l.radius_px) {
+        ASSERT_TRUE(near(img.at(x, y), neutral, 2)) << "residual pixel " << x << ", " << y;
+        checked++;
+      }
+  EXPECT_GT(checked, 50000);
+}
+
+TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
+  TempDir dir;
+  const double R = 0.1;
+  write_sphere(dir, "brain.tri", 3, R);
+  write_file(dir.file("geometry.ans"), dir.file("brain.tri") + "\n0.33\n\n");
+  const Vec3 dip{0.03, -0.02, 0.04};
+  write_file(dir.file("fit.pos"), "1\n1 0.03 -0.02 0.04\n");
+  DipoleSections s = build(sections_from_command_line, {"dipoles", "--head", dir.path(), "--fit", dir.file("fit.pos"),
+                                                        "-o", dir.file("s.png")});
+  SectionsLayout l = sections_layout(s);
+  Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_sections(cr, s, l); }));
+  double line_rgb[3];
+  surface_line_colour(0, 1, line_rgb);
+
+  // Each panel: which world axes run right and up on the picture.
+  const struct {
+    int panel, right, up;
+  } panels[] = {{0, 0, 1}, {1, 0, 2}, {2, 1, 2}};
+  for (const auto &c : panels) {
+    const SectionPanel &P = l.panels[c.panel];
+    std::vector<std::array<double, 2>> line, marker;
+    for (int y = (int)P.top + 1; y < (int)(P.top + P.size) - 1; y++)
+      for (int x = (int)P.left + 1; x < (int)(P.left + P.size) - 1; x++) {
+        if (near(img.at(x, y), line_rgb, 40)) line.push_back({x + 0.5, y + 0.5});
+        if (near(img.at(x, y), fitted_marker_rgb, 8)) marker.push_back({x + 0.5, y + 0.5});
+      }
+    ASSERT_GT(line.size(), 500u) << P.name;
+    ASSERT_GT(marker.size(), 60u) << P.name;
+    std::array<double, 2> mark{0, 0};
+    for (auto &p : marker) mark[0] += p[0] / marker.size(), mark[1] += p[1] / marker.size();
+    // The circle through the line's pixels (least squares on
+    // x^2 + y^2 = 2ax + 2by + c), which no uneven spread of pixels along it
+    // pulls aside.
+    std::vector<double> a(9, 0.0), b(3, 0.0);
+    for (auto &p : line) {
+      double row[3] = {2 * p[0], 2 * p[1], 1}, rhs = p[0] * p[0] + p[1] * p[1];
+      for (int i = 0; i < 3; i++) {
+        for (int j = 0; j < 3; j++) a[i * 3 + j] += row[i] * row[j];
+        b[i] += row[i] * rhs;
+      }
+    }
+    std::vector<double> fit = DenseLu(a, 3).solve(b);
+    std::array<double, 2> centre{fit[0], fit[1]};
+    double fitted_radius = std::sqrt(fit[2] + fit[0] * fit[0] + fit[1] * fit[1]);
+    double offset = dip[3 - c.right - c.up];  // the cut's distance from the sphere's centre
+    double radius = std::sqrt(R * R - offset * offset) * l.scale;
+    EXPECT_NEAR(fitted_radius, radius, 1.0) << P.name;
+    // Every piece of the line lies on that circle, up to the line's width
+    // and the facets of a 642-vertex sphere.
+    size_t astray = 0;
+    for (auto &p : line) astray += std::fabs(std::hypot(p[0] - centre[0], p[1] - centre[1]) - radius) > 3.0;
+    EXPECT_EQ(astray, 0u) << P.name;
+    EXPECT_NEAR(mark[0], centre[0] + dip[c.right] * l.scale, 1.0) << P.name;
+    EXPECT_NEAR(mark[1], centre[1] - dip[c.up] * l.scale, 1.0) << P.name;
+  }
+}
+
+TEST(PlotSpline, PassesThroughTheElectrodesAndKeepsAConstant) {
+  TriMesh m = icosphere(1, 1.0);
+  std::vector<Vec3> dirs;
+  std::vector<double> wave, flat;
+  for (auto &p : m.pnt) {
+    double n = std::hypot(p[0], p[1], p[2]);
+    dirs.push_back({p[0] / n, p[1] / n, p[2] / n});
+    wave.push_back(dirs.back()[0] * dirs.back()[2] + 0.5 * dirs.back()[1]);
+    flat.push_back(2.5);
+  }
+  SphericalSpline s(dirs);
+  std::vector<double> cw = s.fit(wave), cf = s.fit(flat);
+  for (size_t i = 0; i < dirs.size(); i++) {
+    EXPECT_NEAR(s.evaluate(cw, dirs[i]), wave[i], 1e-4);
+    EXPECT_NEAR(s.evaluate(cf, {0.6, 0, 0.8}), 2.5, 1e-9);
+  }
+}
+
+TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
+  TempDir dir;
+  write_matrix(dir.file("own.mat"), 2, 2, {1, -2, 3.5f, 4}, "Sample Frequency\n250 Hz\n");
+  // The same matrix written on a machine of the other byte order.
+  std::string own = read_file(dir.file("own.mat")), other = own;
+  for (size_t w = 0; w + 4 <= 24; w += 4) std::reverse(other.begin() + w, other.begin() + w + 4);
+  write_file(dir.file("other.mat"), other);
+  write_file(dir.file("text.mat"), "2 2\n1 -2\n3.5 4\n\nsample freq\n250\n");
+  for (const char *name : {"own.mat", "other.mat", "text.mat"}) {
+    MatrixFile m = read_matrix_file(dir.file(name));
+    EXPECT_EQ(m.values, (std::vector<float>{1, -2, 3.5f, 4})) << name;
+    EXPECT_EQ(sample_frequency(m).value_or(0), 250) << name;
+  }
+  write_matrix(dir.file("short.mat"), 3, 2, {1, 2, 3}, "");
+  try {
+    read_matrix_file(dir.file("short.mat"));
+    ADD_FAILURE() << "a file shorter than its counts was read";
+  } catch (const InputError &e) {
+    EXPECT_NE(std::string(e.what()).find("short.mat: byte 8"), std::string::npos) << e.what();
+  }
+}
+
+}  // namespace
