@@ -33,31 +33,33 @@ struct Slot {
 Slot slots[MAX_OPEN];
 std::mutex slots_lock;
 
-void remove_temporaries(int sig) {
+// Also run through atexit: a run that ends through exit() (a fatal error, a
+// refused answer) while a result is still being written leaves no temporary
+// behind either.
+void remove_temporaries() {
   for (Slot &s : slots)
     if (s.used.load() && !s.direct) unlink(s.temp);
-  signal(sig, SIG_DFL);
-  raise(sig);
 }
 
-// A run that ends through exit() (a fatal error, a refused answer) while a
-// result is still being written leaves no temporary behind either.
-void remove_temporaries_at_exit() {
-  for (Slot &s : slots)
-    if (s.used.load() && !s.direct) unlink(s.temp);
+// The handler of the user's signals: the temporaries go, then the signal
+// ends the process as it would have.
+void remove_temporaries_and_stop(int sig) {
+  remove_temporaries();
+  signal(sig, SIG_DFL);
+  raise(sig);
 }
 
 void install_handlers() {
   static bool installed = false;
   if (installed) return;
   installed = true;
-  atexit(remove_temporaries_at_exit);
+  atexit(remove_temporaries);
   for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction old;
     if (sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) continue;  // nohup
     struct sigaction sa;
     memset(&sa, 0, sizeof sa);
-    sa.sa_handler = remove_temporaries;
+    sa.sa_handler = remove_temporaries_and_stop;
     sigemptyset(&sa.sa_mask);
     sigaction(sig, &sa, nullptr);
   }
