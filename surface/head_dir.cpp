@@ -7,6 +7,7 @@
 #include "cli/failure.h"
 #include "surface/brelix_tri.h"
 #include "surface/file_bytes.h"
+#include "surface/import.h"
 #include "surface/text_scan.h"
 
 namespace {
@@ -80,5 +81,5 @@ std::vector<HeadSurface> read_head_dir(const std::string &dir_or_geometry_ans) {
 
 Mesh read_scalp(const std::string &dir_or_tri) {
   if (is_dir(dir_or_tri) || base_name(dir_or_tri) == "geometry.ans") return read_head_dir(dir_or_tri)[0].mesh;
-  return read_brelix_tri(dir_or_tri);
+  return read_surface(dir_or_tri).mesh;
 }

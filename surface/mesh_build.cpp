@@ -15,3 +15,7 @@ void MeshBuilder::bad_index(const std::string &place, long face, long long index
        "face " + std::to_string(face) + " refers to vertex " + std::to_string(index) + ", outside the " +
            std::to_string(count) + " vertices numbered from " + std::to_string(base));
 }
+
+void MeshBuilder::too_many(const std::string &place, long long count) const {
+  fail(file_, place, std::to_string(count) + " vertices are more than a surface can have");
+}

@@ -4,9 +4,17 @@
 #pragma once
 
 #include <cmath>
+#include <cstdint>
 #include <string>
 
 #include "surface/mesh.h"
+
+// A vertex index stored as a floating-point value (PLY, VTK and GIfTI allow
+// that): the value when it is a whole number in range, else -1, which the
+// index check then refuses.
+inline long long whole_index(double v) {
+  return v >= -1e15 && v <= 1e15 && v == std::floor(v) ? (long long)v : -1;
+}
 
 class MeshBuilder {
  public:
@@ -34,6 +42,7 @@ class MeshBuilder {
   template <class Index, class Place>
   void face_at(const Index *idx, int n, long long vertex_count, long face, int base, Place &&place) {
     if (n < 3) bad_corners(place(), face, n);
+    if (vertex_count > INT32_MAX) too_many(place(), vertex_count);
     for (int k = 0; k < n; k++)
       if (idx[k] < 0 || (long long)idx[k] >= vertex_count)
         bad_index(place(), face, (long long)idx[k] + base, vertex_count, base);
@@ -52,6 +61,7 @@ class MeshBuilder {
 
  private:
   [[noreturn]] void bad_vertex(const std::string &place) const;
+  [[noreturn]] void too_many(const std::string &place, long long count) const;
   [[noreturn]] void bad_corners(const std::string &place, long face, int n) const;
   [[noreturn]] void bad_index(const std::string &place, long face, long long index, long long count, int base) const;
 

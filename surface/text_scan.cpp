@@ -96,3 +96,41 @@ bool starts_with_nocase(std::string_view s, std::string_view prefix) {
   }
   return true;
 }
+
+std::string_view TokenScan::next() {
+  while (pos_ < data_.size() && is_space(data_[pos_])) line_ += data_[pos_++] == '\n';
+  size_t start = pos_;
+  while (pos_ < data_.size() && !is_space(data_[pos_])) pos_++;
+  return data_.substr(start, pos_ - start);
+}
+
+double TokenScan::number(const std::string &what) {
+  std::string_view t = next();
+  double v;
+  std::string_view rest = t;
+  if (t.empty()) fail_here("file ends before " + what);
+  if (!scan_double(rest, v) || !rest.empty()) fail_here("\"" + std::string(t) + "\" is not a number (" + what + ")");
+  return v;
+}
+
+long long TokenScan::integer(const std::string &what) {
+  std::string_view t = next();
+  long long v;
+  std::string_view rest = t;
+  if (t.empty()) fail_here("file ends before " + what);
+  if (!scan_long(rest, v) || !rest.empty()) fail_here("\"" + std::string(t) + "\" is not an integer (" + what + ")");
+  return v;
+}
+
+void TokenScan::skip_line() {
+  while (pos_ < data_.size() && data_[pos_] != '\n') pos_++;
+  if (pos_ < data_.size()) pos_++, line_++;
+}
+
+void TokenScan::seek(size_t pos) {
+  if (pos < pos_) pos_ = 0, line_ = 1;  // back: count the lines again
+  for (size_t i = pos_; i < pos && i < data_.size(); i++) line_ += data_[i] == '\n';
+  pos_ = pos;
+}
+
+void TokenScan::fail_here(const std::string &what) const { fail(file_, place(), what); }

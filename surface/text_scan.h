@@ -50,3 +50,32 @@ std::string_view scan_word(std::string_view &s);
 bool only_space(std::string_view s);
 // `s` starts with `prefix`, ignoring ASCII case.
 bool starts_with_nocase(std::string_view s, std::string_view prefix);
+
+// White-space separated tokens across line ends (for formats that are not
+// line oriented), keeping the line number for messages.
+class TokenScan {
+ public:
+  TokenScan(std::string_view data, std::string file) : data_(data), file_(std::move(file)) {}
+
+  // The next token; empty at end of data.
+  std::string_view next();
+  // The next token as a number; throws naming `what` when it is missing or
+  // not a number.
+  double number(const std::string &what);
+  long long integer(const std::string &what);
+  // Skip to the start of the next line (after binary data follows a
+  // keyword line).
+  void skip_line();
+  size_t offset() const { return pos_; }
+  void seek(size_t pos);
+  size_t remaining() const { return data_.size() - pos_; }
+  std::string place() const { return "line " + std::to_string(line_); }
+  const std::string &file() const { return file_; }
+  [[noreturn]] void fail_here(const std::string &what) const;
+
+ private:
+  std::string_view data_;
+  std::string file_;
+  size_t pos_ = 0;
+  long line_ = 1;
+};

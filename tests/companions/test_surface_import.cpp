@@ -1,0 +1,368 @@
+// Surface import: one head written in every format by small writers here,
+// independent of the readers, must read back as the same mesh; one broken
+// file per reader family must be refused naming the file, place and fault.
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+
+#include "cli/failure.h"
+#include "surface/import.h"
+#include "surface/transform.h"
+#include "tests/support/files.h"
+#include "tools/headshape.h"
+
+namespace {
+
+using Writer = std::function<std::string(const TriMesh &)>;
+
+std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char *f, ...) {
+  char buf[256];
+  va_list ap;
+  va_start(ap, f);
+  vsnprintf(buf, sizeof buf, f, ap);
+  va_end(ap);
+  return buf;
+}
+
+template <class T>
+void put(std::string &s, T v, bool big) {
+  char b[sizeof(T)];
+  memcpy(b, &v, sizeof(T));
+  if (big) std::reverse(b, b + sizeof(T));
+  s.append(b, sizeof(T));
+}
+
+// Text writers: every line through one callback per vertex and per face.
+std::string lines(const TriMesh &m, std::string head, const std::function<std::string(const std::array<float, 3> &)> &v,
+                  const std::string &mid, const std::function<std::string(const std::array<int, 3> &)> &f,
+                  const std::string &tail = "") {
+  for (auto &p : m.pnt) head += v(p);
+  head += mid;
+  for (auto &t : m.dhk) head += f(t);
+  return head + tail;
+}
+
+std::string xyz(const std::array<float, 3> &p) { return fmt("%.9g %.9g %.9g", p[0], p[1], p[2]); }
+
+std::string fs_binary(const TriMesh &m) {
+  std::string s = "\xff\xff\xfe" "created by test on Monday\n\n";
+  put<int32_t>(s, (int32_t)m.pnt.size(), true);
+  put<int32_t>(s, (int32_t)m.dhk.size(), true);
+  for (auto &p : m.pnt)
+    for (float c : p) put(s, c, true);
+  for (auto &t : m.dhk)
+    for (int i : t) put<int32_t>(s, i, true);
+  return s;
+}
+
+std::string stl_binary(const TriMesh &m) {
+  std::string s = "solid but binary";
+  s.resize(80, ' ');
+  put<uint32_t>(s, (uint32_t)m.dhk.size(), false);
+  for (auto &t : m.dhk) {
+    for (int k = 0; k < 3; k++) put<float>(s, 0.f, false);
+    for (int i : t)
+      for (float c : m.pnt[i]) put(s, c, false);
+    put<uint16_t>(s, 0, false);
+  }
+  return s;
+}
+
+std::string ply_binary(const TriMesh &m, bool big) {
+  std::string s = fmt("ply\nformat binary_%s_endian 1.0\ncomment test\nelement vertex %zu\nproperty float x\nproperty float y\n"
+                      "property double quality\nproperty float z\nelement face %zu\nproperty list uchar int vertex_indices\n"
+                      "end_header\n",
+                      big ? "big" : "little", m.pnt.size(), m.dhk.size());
+  for (auto &p : m.pnt) put(s, p[0], big), put(s, p[1], big), put(s, 0.5, big), put(s, p[2], big);
+  for (auto &t : m.dhk) {
+    s += '\3';
+    for (int i : t) put<int32_t>(s, i, big);
+  }
+  return s;
+}
+
+std::string vtk_binary(const TriMesh &m) {
+  std::string s = fmt("# vtk DataFile Version 3.0\nhead\nBINARY\nDATASET POLYDATA\nPOINTS %zu float\n", m.pnt.size());
+  for (auto &p : m.pnt)
+    for (float c : p) put(s, c, true);
+  s += fmt("\nPOLYGONS %zu %zu\n", m.dhk.size(), 4 * m.dhk.size());
+  for (auto &t : m.dhk) {
+    put<int32_t>(s, 3, true);
+    for (int i : t) put<int32_t>(s, i, true);
+  }
+  return s + "\nPOINT_DATA 1\n";
+}
+
+std::string base64(const std::string &b) {
+  static const char *abc = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (size_t i = 0; i < b.size(); i += 3) {
+    uint32_t v = (uint8_t)b[i] << 16 | (i + 1 < b.size() ? (uint8_t)b[i + 1] << 8 : 0) | (i + 2 < b.size() ? (uint8_t)b[i + 2] : 0);
+    for (int k = 0; k < 4; k++) out += i * 4 / 3 + k <= (b.size() * 4 + 2) / 3 - (k ? 0 : 0) && (k < 2 || i + k - 1 < b.size()) ? abc[(v >> (18 - 6 * k)) & 63] : '=';
+  }
+  return out;
+}
+
+std::string gifti(const TriMesh &m, const std::string &enc) {
+  auto array = [&](const char *intent, const char *type, size_t rows, const std::string &raw, const std::string &text) {
+    std::string data = text;
+    if (enc != "ASCII") {
+      std::string z = raw;
+      if (enc == "GZipBase64Binary") {
+        uLongf n = compressBound(raw.size());
+        z.resize(n);
+        compress2((Bytef *)z.data(), &n, (const Bytef *)raw.data(), raw.size(), 6);
+        z.resize(n);
+      }
+      data = base64(z);
+    }
+    return fmt("<DataArray Intent=\"%s\" DataType=\"%s\" ArrayIndexingOrder=\"RowMajorOrder\" Dimensionality=\"2\" "
+               "Dim0=\"%zu\" Dim1=\"3\" Encoding=\"",
+               intent, type, rows) +
+           enc + "\" Endian=\"LittleEndian\" ExternalFileName=\"\" ExternalFileOffset=\"\">\n<MetaData/>\n<Data>" + data +
+           "</Data>\n</DataArray>\n";
+  };
+  std::string rp, tp, rt, tt;
+  for (auto &p : m.pnt) {
+    for (float c : p) put(rp, c, false);
+    tp += xyz(p) + "\n";
+  }
+  for (auto &t : m.dhk) {
+    for (int i : t) put<int32_t>(rt, i, false);
+    tt += fmt("%d %d %d\n", t[0], t[1], t[2]);
+  }
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<GIFTI Version=\"1.0\" NumberOfDataArrays=\"2\">\n<MetaData/>\n" +
+         array("NIFTI_INTENT_POINTSET", "NIFTI_TYPE_FLOAT32", m.pnt.size(), rp, tp) +
+         array("NIFTI_INTENT_TRIANGLE", "NIFTI_TYPE_INT32", m.dhk.size(), rt, tt) + "</GIFTI>\n";
+}
+
+std::string stl_ascii(const TriMesh &m) {
+  std::string s = "solid head\n";
+  for (auto &t : m.dhk) {
+    s += "  facet normal 0 0 0\n    outer loop\n";
+    for (int i : t) s += "      vertex " + xyz(m.pnt[i]) + "\n";
+    s += "    endloop\n  endfacet\n";
+  }
+  return s + "endsolid head\n";
+}
+
+std::string brelix_file(const TriMesh &m, bool binary) {
+  TempDir d;
+  write_trimesh(d.file("x"), m, binary);
+  return read_file(d.file("x"));
+}
+
+struct Format {
+  const char *file, *format;
+  Writer write;
+};
+
+const Format FORMATS[] = {
+    {"lh.seghead", "FreeSurfer binary", fs_binary},
+    {"head.asc", "FreeSurfer ASCII",
+     [](const TriMesh &m) {
+       return lines(m, fmt("#!ascii version of head\n%zu %zu\n", m.pnt.size(), m.dhk.size()),
+                    [](auto &p) { return xyz(p) + " 0\n"; }, "", [](auto &t) { return fmt("%d %d %d 0\n", t[0], t[1], t[2]); });
+     }},
+    {"head.off", "OFF",
+     [](const TriMesh &m) {
+       return lines(m, fmt("OFF\n# comment\n%zu %zu 0\n", m.pnt.size(), m.dhk.size()), [](auto &p) { return xyz(p) + "\n"; },
+                    "", [](auto &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); });
+     }},
+    {"head.obj", "OBJ",
+     [](const TriMesh &m) {
+       return lines(m, "# exported\no head\n", [](auto &p) { return "v " + xyz(p) + "\n"; }, "vn 0 0 1\n",
+                    [](auto &t) { return fmt("f %d//1 %d/1/1 %d\n", t[0] + 1, t[1] + 1, t[2] + 1); });
+     }},
+    {"head.stl", "STL ASCII", stl_ascii},
+    {"head_b.stl", "STL binary", stl_binary},
+    {"head.ply", "PLY ASCII",
+     [](const TriMesh &m) {
+       return lines(m,
+                    fmt("ply\nformat ascii 1.0\nelement vertex %zu\nproperty float x\nproperty float y\nproperty float z\n"
+                        "element face %zu\nproperty list uchar int vertex_index\nend_header\n",
+                        m.pnt.size(), m.dhk.size()),
+                    [](auto &p) { return xyz(p) + "\n"; }, "", [](auto &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); });
+     }},
+    {"head_le.ply", "PLY binary little-endian", [](const TriMesh &m) { return ply_binary(m, false); }},
+    {"head_be.ply", "PLY binary big-endian", [](const TriMesh &m) { return ply_binary(m, true); }},
+    {"head.vtk", "VTK ASCII",
+     [](const TriMesh &m) {
+       return lines(m, fmt("# vtk DataFile Version 3.0\nhead\nASCII\nDATASET POLYDATA\nPOINTS %zu float\n", m.pnt.size()),
+                    [](auto &p) { return xyz(p) + "\n"; }, fmt("POLYGONS %zu %zu\n", m.dhk.size(), 4 * m.dhk.size()),
+                    [](auto &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); });
+     }},
+    {"head_b.vtk", "VTK binary", vtk_binary},
+    {"head.gii", "GIfTI ASCII", [](const TriMesh &m) { return gifti(m, "ASCII"); }},
+    {"head_b.gii", "GIfTI Base64Binary", [](const TriMesh &m) { return gifti(m, "Base64Binary"); }},
+    {"head_z.gii", "GIfTI GZipBase64Binary", [](const TriMesh &m) { return gifti(m, "GZipBase64Binary"); }},
+    {"head.tri", "brelix text", [](const TriMesh &m) { return brelix_file(m, false); }},
+    {"head_b.tri", "brelix binary", [](const TriMesh &m) { return brelix_file(m, true); }},
+    {"head_n.tri", "text .tri with normals",
+     [](const TriMesh &m) {
+       return lines(m, fmt("- %zu\n", m.pnt.size()), [](auto &p) { return xyz(p) + " 0 0 1\n"; },
+                    fmt("- %zu %zu %zu\n", m.dhk.size(), m.dhk.size(), m.dhk.size()),
+                    [](auto &t) { return fmt("%d %d %d\n", t[0] + 1, t[1] + 1, t[2] + 1); });
+     }},
+};
+
+std::string refusal(const std::string &path) {
+  try {
+    read_surface(path);
+  } catch (const InputError &e) {
+    return e.what();
+  }
+  return "(accepted)";
+}
+
+TEST(SurfaceImport, EveryFormatGivesTheSameHead) {
+  TempDir dir;
+  TriMesh head = head_layer(3, HEAD_SKULL);
+  for (const Format &f : FORMATS) {
+    SCOPED_TRACE(f.file);
+    write_file(dir.file(f.file), f.write(head));
+    ImportedSurface s = read_surface(dir.file(f.file));
+    EXPECT_EQ(s.format, f.format);
+    EXPECT_EQ(s.polygons_split, 0);
+    bool stl = std::string(f.format).find("STL") == 0;
+    EXPECT_EQ(s.vertices_welded, stl ? (long)(3 * head.dhk.size() - head.pnt.size()) : 0);
+    // Welding numbers the vertices in the order the facets first use them.
+    std::vector<int> order(head.pnt.size(), -1), original;
+    for (auto &tri : head.dhk)
+      for (int v : tri)
+        if (stl && order[v] < 0) order[v] = (int)original.size(), original.push_back(v);
+    if (!stl)
+      for (size_t i = 0; i < head.pnt.size(); i++) order[i] = (int)i, original.push_back((int)i);
+    ASSERT_EQ(s.mesh.vertices.size(), head.pnt.size());
+    ASSERT_EQ(s.mesh.triangles.size(), head.dhk.size());
+    for (size_t i = 0; i < original.size(); i++)
+      for (int k = 0; k < 3; k++) ASSERT_EQ((float)s.mesh.vertices[i][k], head.pnt[original[i]][k]) << "vertex " << i;
+    for (size_t t = 0; t < head.dhk.size(); t++)
+      for (int k = 0; k < 3; k++) ASSERT_EQ(s.mesh.triangles[t][k], order[head.dhk[t][k]]) << "triangle " << t;
+  }
+}
+
+TEST(SurfaceImport, PolygonsAreSplitAsFans) {
+  TempDir dir;
+  const char *cube_v = "0 0 0\n1 0 0\n1 1 0\n0 1 0\n0 0 1\n1 0 1\n1 1 1\n0 1 1\n";
+  const char *quads[] = {"0 3 2 1", "4 5 6 7", "0 1 5 4", "1 2 6 5", "2 3 7 6", "3 0 4 7"};
+  std::string off = std::string("OFF 8 6 0\n") + cube_v, obj, vtk = "# vtk DataFile Version 5.1\nc\nASCII\nDATASET POLYDATA\nPOINTS 8 float\n";
+  vtk += cube_v;
+  vtk += "\nMETADATA\nINFORMATION 0\n\nPOLYGONS 7 24\nOFFSETS vtktypeint64\n0 4 8 12 16 20 24\nCONNECTIVITY vtktypeint64\n";
+  for (const char *v = cube_v; *v; v = strchr(v, '\n') + 1) obj += "v " + std::string(v, strchr(v, '\n') + 1);
+  for (const char *q : quads) {
+    int a, b, c, d;
+    sscanf(q, "%d %d %d %d", &a, &b, &c, &d);
+    off += std::string("4 ") + q + "\n";
+    obj += fmt("f %d %d %d %d\n", a - 8, b - 8, c - 8, d - 8);  // relative form
+    vtk += std::string(q) + "\n";
+  }
+  for (auto [name, text] : {std::pair{"cube.off", off}, {"cube.obj", obj}, {"cube.vtk", vtk}}) {
+    write_file(dir.file(name), text);
+    ImportedSurface s = read_surface(dir.file(name));
+    EXPECT_EQ(s.polygons_split, 6) << name;
+    ASSERT_EQ(s.mesh.triangles.size(), 12u) << name;
+    EXPECT_EQ(s.mesh.triangles[0], (Tri{0, 3, 2})) << name;
+    EXPECT_EQ(s.mesh.triangles[1], (Tri{0, 2, 1})) << name;
+  }
+}
+
+TEST(SurfaceImport, BrokenFilesNameFilePlaceAndFault) {
+  TempDir dir;
+  TriMesh tet;
+  tet.pnt = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  tet.dhk = {{0, 1, 2}, {0, 3, 1}, {0, 2, 3}, {1, 3, 2}};
+  TriMesh nan_tet = tet, bad_tet = tet;
+  nan_tet.pnt[2][1] = NAN;
+  bad_tet.dhk[3][1] = 7;
+  auto with = [](std::string s, size_t at, const std::string &bytes) { return s.replace(at, bytes.size(), bytes); };
+  std::string huge_be, huge_le;
+  put<int32_t>(huge_be, 1 << 28, true);
+  put<uint32_t>(huge_le, 1u << 28, false);
+  const std::string fs = fs_binary(tet);
+  struct Case {
+    const char *file;
+    std::string contents;
+    const char *message;
+  } cases[] = {
+      {"cut.seghead", fs.substr(0, fs.size() - 5), "cut.seghead: byte 30: 4 vertices and 4 faces need 96 bytes, but only 91"},
+      {"nan.asc", FORMATS[1].write(nan_tet), "nan.asc: line 5: vertex 3 has a coordinate that is not a finite number"},
+      {"bad.off", FORMATS[2].write(bad_tet), "bad.off: line 11: face 4 refers to vertex 7, outside the 4 vertices numbered from 0"},
+      {"bad.obj", "v 0 0 0\nv 1 0 0\nf 1 2 3\n", "bad.obj: line 3: face 1 refers to vertex 3, outside the 2 vertices numbered from 1"},
+      {"cut.stl", stl_ascii(tet).substr(0, 200), "cut.stl: line 12: file ends inside the solid"},
+      {"huge.stl", with(stl_binary(tet), 80, huge_le), "huge.stl: byte 80: facet count 268435456 needs"},
+      {"huge.ply", "ply\nformat ascii 1.0\nelement vertex 9999\nproperty float x\nproperty float y\nproperty float z\nend_header\n0 0 0\n",
+       "huge.ply: line 3: element vertex count 9999 is more than the rest of the file can hold"},
+      {"cut.ply", ply_binary(tet, true).substr(0, 300), "cut.ply: byte 297: file ends while reading face 2 vertex_indices"},
+      {"nan.vtk", FORMATS[9].write(nan_tet), "nan.vtk: line 8: vertex 3 has a coordinate that is not a finite number"},
+      {"bad_b.vtk", vtk_binary(bad_tet), "bad_b.vtk: byte 133 (polygon 4): face 4 refers to vertex 7"},
+      {"huge.gii", gifti(tet, "GZipBase64Binary").replace(gifti(tet, "ASCII").find("Dim0=\"4\""), 8, "Dim0=\"99999999\""), "huge.gii: line 4 (DataArray 1): Dim0 99999999 is more than the compressed data can hold"},
+      {"bad.gii", gifti(bad_tet, "Base64Binary"), "bad.gii: line 8 (DataArray 2): face 4 refers to vertex 7"},
+      {"broken.gii", "<?xml version=\"1.0\"?>\n<GIFTI>\n<DataArray>\n</GIFTI>\n", "broken.gii: line 4: not well-formed XML"},
+      {"huge.tri", with(FORMATS[16].write(tet), 2, "99"), "huge.tri: line 1: vertex count 990 is more than"},
+      {"bad_n.tri", FORMATS[16].write(bad_tet), "bad_n.tri: line 10: face 4 refers to vertex 8, outside the 4 vertices numbered from 1"},
+      {"head.xyz", "1 2 3\n", "head.xyz: cannot tell the surface format"},
+  };
+  for (const Case &c : cases) {
+    write_file(dir.file(c.file), c.contents);
+    std::string msg = refusal(dir.file(c.file));
+    EXPECT_NE(msg.find(dir.file(c.message)), std::string::npos) << c.file << ": " << msg;
+  }
+}
+
+TEST(SurfaceUnits, AutoPicksTheUnitThatMakesAHeadAndGivenUnitsAreKept) {
+  struct Case {
+    double across;
+    const char *option, *unit;
+    double extent;
+  } cases[] = {{190, "auto", "mm", 0.19}, {19, "auto", "cm", 0.19}, {0.19, "auto", "m", 0.19},
+               {60, "auto", "cm", 0.6}, {0.19, "mm", "mm", 0.00019}, {19, "cm", "cm", 0.19}};
+  for (const Case &c : cases) {
+    UnitChoice u = choose_units(c.option, {{0, 0, 0}, {c.across / 2, c.across, -1e-3}}, "s.stl");
+    EXPECT_EQ(u.unit, c.unit) << c.across;
+    EXPECT_NEAR(u.extent, c.extent, 1e-12) << c.across;
+    EXPECT_EQ(u.automatic, std::string(c.option) == "auto");
+  }
+  EXPECT_EQ(choose_units("auto", {{0, 0, 0}, {0, 190, 0}}, "s").describe(), "mm (chosen from the extent, 190 mm)");
+  for (double across : {0.0, 0.001, 5000.0}) EXPECT_THROW(choose_units("auto", {{0, 0, 0}, {across, 0, 0}}, "s"), InputError);
+  EXPECT_THROW(choose_units("inch", {{0, 0, 0}}, "s"), InputError);
+}
+
+TEST(SurfaceTransform, AffineFilesMoveAndMirrorsKeepTheOrientation) {
+  TempDir dir;
+  write_file(dir.file("rot.txt"), "# x to y\n0 -1 0 10\n1 0 0 20\n0 0 1 30\n0 0 0 1\n");
+  write_file(dir.file("mirror.txt"), "-1 0 0 0  0 1 0 0  0 0 1 0\n");
+  Mesh m;
+  m.vertices = {{1, 2, 3}, {4, 5, 6}, {7, 8, 10}};
+  m.triangles = {{0, 1, 2}};
+  Mesh r = m;
+  apply_affine(read_affine(dir.file("rot.txt")), r);
+  EXPECT_EQ(r.vertices[0], (Vec3{8, 21, 33}));
+  EXPECT_EQ(r.triangles[0], (Tri{0, 1, 2}));
+  Mesh f = m;
+  apply_affine(read_affine(dir.file("mirror.txt")), f);
+  EXPECT_EQ(f.vertices[1], (Vec3{-4, 5, 6}));
+  EXPECT_EQ(f.triangles[0], (Tri{0, 2, 1}));
+  struct Bad {
+    const char *text, *message;
+  } bad[] = {{"1 0 0 0\n0 1 0 0\n0 0 1 0\n1 0 0 1\n", "t.txt: line 4: the last row must be 0 0 0 1"},
+             {"1 0 0\n", "t.txt: holds 3 numbers"},
+             {"1 0 0 0\n0 1 0 0\n0 0 0 0\n", "t.txt: the transform flattens space"},
+             {"1 0 0 0\n0 x 0 0\n", "t.txt: line 2: \"x\" is not a number"}};
+  for (const Bad &b : bad) {
+    write_file(dir.file("t.txt"), b.text);
+    std::string msg;
+    try {
+      read_affine(dir.file("t.txt"));
+    } catch (const InputError &e) {
+      msg = e.what();
+    }
+    EXPECT_NE(msg.find(dir.file(b.message)), std::string::npos) << b.text << " -> " << msg;
+  }
+}
+
+}  // namespace
