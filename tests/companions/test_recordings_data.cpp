@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <functional>
 
 #include "matrixio/readtail.h"
@@ -227,6 +228,40 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
     EXPECT_NE(r.err.find(k.message, last), std::string::npos) << r.err;
     EXPECT_FALSE(file_exists(dir.file("out.mat")));
   }
+}
+
+// The demo's recording tool: its EDF+ file, averaged by the data command,
+// gives back the transfer matrix times the moments' time course.
+TEST(RecordingsData, SimulatedRecordingAveragesBackToItsSources) {
+  TempDir dir;
+  const std::string tool = (std::filesystem::path(BRELIX_EXE).parent_path() / "simulate_recording").string();
+  write_file(dir.file("T.txt"), "3 2\n1e-6 0\n0 2e-6\n-1e-6 -2e-6\n");
+  write_file(dir.file("head.elc"), "3\n1 0.1 0.1 !Fz\n2 0.2 0.2 !Cz\n3 0.3 0.3 !Pz\n");
+  auto simulate = [&](const std::string &out, const std::string &noise, const std::string &seed) {
+    return run_process(tool, {dir.file("T.txt"), dir.file("head.elc"), dir.file(out), "--moments", "10,-5", "--sfreq",
+                              "100", "--epochs", "3", "--frequency", "10,5", "--noise", noise, "--seed", seed, "--marker",
+                              "S 7"},
+                       "");
+  };
+  ASSERT_EQ(simulate("clean.edf", "0", "1").status, 0);
+  ProcResult r = run_data(dir, dir.file("clean.edf"), {"--average", "S 7", "--epoch", "0:0.5"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  float rate;
+  MatrixFile m = read_output(dir, &rate);
+  ASSERT_EQ(m.cols, 51);
+  const double T[3][2] = {{1e-6, 0}, {0, 2e-6}, {-1e-6, -2e-6}}, M[2] = {10, -5}, f[2] = {10, 5};
+  for (int i = 0; i < 51; i++) {
+    double t = i / 100.0 - 0.05, course[2];
+    for (int c = 0; c < 2; c++) course[c] = t < 0 ? 0 : M[c] * std::sin(2 * M_PI * f[c] * t) * std::exp(-t / 0.05);
+    for (int e = 0; e < 3; e++)
+      EXPECT_NEAR(m.at(e + 1, i + 1), T[e][0] * course[0] + T[e][1] * course[1], 1e-9) << e << " " << i;
+  }
+  // The same seed gives the same file; another seed other noise.
+  ASSERT_EQ(simulate("a.edf", "1e-7", "5").status, 0);
+  ASSERT_EQ(simulate("b.edf", "1e-7", "5").status, 0);
+  ASSERT_EQ(simulate("c.edf", "1e-7", "6").status, 0);
+  EXPECT_EQ(read_file(dir.file("a.edf")), read_file(dir.file("b.edf")));
+  EXPECT_NE(read_file(dir.file("a.edf")), read_file(dir.file("c.edf")));
 }
 
 }  // namespace
