@@ -52,6 +52,8 @@ TEST(BadInput, EveryReaderAndWriterEndsCleanlyWithItsMessage) {
        "\nSource position file: "},
       {"bad.mat", matrix_bytes(42, 2, nan_data), {}, TO_DATA + "bad.mat\n\n\n", 0, ERR,
        "bad.mat contains values that are not numbers\n\n\a\a", "\nMeasured potential data: "},
+      {"bad.mat", matrix_bytes(42, 0, {}), {}, TO_DATA + "bad.mat\n\n\n", 0, ERR, "bad.mat holds no samples\n\n\a\a",
+       "\nMeasured potential data: "},
       {"bad.mat", matrix_bytes(41, 2, ramp(82)), {}, TO_DATA + "bad.mat\n\n\n", 0, OUT,
        "bad.mat does not fit to electrode file\nnumber of electrodes: 42\n", "\nMeasured potential data: "},
       {"bad.ama", Bytes().i(9).i(0).i(1).s, {"bad.ama"}, "", 1, ERR,
