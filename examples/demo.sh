@@ -5,7 +5,9 @@
 #   2. an -i job that stores the inverted A matrix in head.ama,
 #   3. a job that loads head.ama and writes the transfer matrix again,
 #   4. an inverse job: a dipole fitted to simulated data, next to the true one,
-# each scripted by an answer file on standard input, and shows what they wrote.
+# each scripted by an answer file on standard input, and shows what they wrote;
+# then, when brelix-plot was built, draws the fit (topomap.png, dipoles.png)
+# and the head with its electrodes (head.png).
 set -euo pipefail
 BUILD=${1:-build}
 HERE=$(cd "$(dirname "$0")" && pwd)
@@ -45,5 +47,15 @@ cat fit.pos
 echo "-- fitted moment (fit.mat) and its standard deviation (fit.mat.sd):"
 "$BIN/matdump" fit.mat
 "$BIN/matdump" fit.mat.sd
+
+PLOT="$BIN/apps/brelix-plot"
+if [ -x "$PLOT" ]; then
+  step "5. Pictures:  brelix-plot topomap | dipoles | head"
+  head -n 7 forward.ans > geometry.ans  # the surfaces and conductivities: a head folder
+  "$PLOT" topomap --electrodes electrodes.elc --head scalp.tri --data data.mat --model fitpot.mat \
+    --dipoles fit.pos --moments fit.mat --unit a.u. --width 900 -o topomap.png
+  "$PLOT" dipoles --head . --fit fit.pos --moments fit.mat --truth truth.pos --width 900 -o dipoles.png
+  "$PLOT" head --head . --electrodes electrodes.elc --view left --width 600 -o head.png
+fi
 
 step "Done. The files are in $WORK"

@@ -36,6 +36,7 @@ const char *help =
     "                      orientation (rows as brelix writes them)\n"
     "  --sample N          the sample of FIT.mat the arrows show, from 1 (default 1)\n"
     "  --dipole K          the fitted dipole the sections pass through (default 1)\n"
+    "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
     "\n"
     "example:\n"
@@ -44,7 +45,7 @@ const char *help =
 
 const std::vector<OptionSpec> options = {{"head", true},   {"fit", true},    {"sd", true},
                                          {"truth", true},  {"moments", true}, {"sample", true},
-                                         {"dipole", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+                                         {"dipole", true}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 bool exists(const std::string &path) {
   struct stat st;
@@ -132,7 +133,7 @@ int plot_dipoles(int argc, char **argv) {
   std::string out;
   DipoleSections s = sections_from_command_line(argc, argv, out);
   SectionsLayout layout = sections_layout(s);
-  write_figure(out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
+  write_picture(parse_args(argc, argv, 1, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
   note("brelix-plot dipoles: wrote " + out);
   return 0;
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 
 #include "cli/failure.h"
@@ -55,11 +56,12 @@ FigureFormat figure_format(const std::string &path) {
   usage_fail("output '" + path + "': the name must end in .png, .svg or .pdf");
 }
 
-cairo_surface_t *render_image(int width, int height, const DrawFunction &draw) {
-  cairo_surface_t *surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
+cairo_surface_t *render_image(int width, int height, const DrawFunction &draw, double scale) {
+  int w = std::max(1, (int)std::lround(width * scale)), h = std::max(1, (int)std::lround(height * scale));
+  cairo_surface_t *surface = cairo_image_surface_create(CAIRO_FORMAT_RGB24, w, h);
   try {
     check(surface, "image");
-    draw_on(surface, 1.0, width, height, draw, "image");
+    draw_on(surface, scale, width, height, draw, "image");
   } catch (...) {
     cairo_surface_destroy(surface);
     throw;
@@ -67,23 +69,23 @@ cairo_surface_t *render_image(int width, int height, const DrawFunction &draw) {
   return surface;
 }
 
-void write_figure(const std::string &path, int width, int height, const DrawFunction &draw) {
+void write_figure(const std::string &path, int width, int height, const DrawFunction &draw, double scale) {
   FigureFormat format = figure_format(path);
   write_file_atomically(path, [&](FILE *fp) {
     cairo_surface_t *surface = nullptr;
     if (format == FigureFormat::png) {
-      surface = render_image(width, height, draw);
+      surface = render_image(width, height, draw, scale);
       cairo_status_t st = cairo_surface_write_to_png_stream(surface, write_to_file, fp);
       cairo_surface_destroy(surface);
       if (st != CAIRO_STATUS_SUCCESS) fail(path, "", std::string("cannot write: ") + cairo_status_to_string(st));
       return;
     }
-    double w = width * points_per_pixel, h = height * points_per_pixel;
+    double w = width * scale * points_per_pixel, h = height * scale * points_per_pixel;
     surface = format == FigureFormat::svg ? cairo_svg_surface_create_for_stream(write_to_file, fp, w, h)
                                           : cairo_pdf_surface_create_for_stream(write_to_file, fp, w, h);
     try {
       check(surface, path);
-      draw_on(surface, points_per_pixel, width, height, draw, path);
+      draw_on(surface, scale * points_per_pixel, width, height, draw, path);
       cairo_surface_finish(surface);  // the vector formats are written only here
       check(surface, path);
     } catch (...) {

@@ -35,6 +35,7 @@ const char *help =
     "                      top, front, left and right)\n"
     "  --unit U            unit of the potentials (default V)\n"
     "  --no-labels         electrodes without their labels\n"
+    "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
     "\n"
     "example:\n"
@@ -44,7 +45,7 @@ const char *help =
 
 const std::vector<OptionSpec> options = {{"head", true},   {"electrodes", true},  {"potentials", true},
                                          {"sample", true}, {"view", true},        {"unit", true},
-                                         {"no-labels", false}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+                                         {"no-labels", false}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 }  // namespace
 
@@ -102,7 +103,7 @@ int plot_head(int argc, char **argv) {
   h.title = what + (h.views.size() == 1 ? ", seen from the " + h.views[0] : "");
   h.subtitle = "From " + files + ".";
   HeadLayout layout = head_layout(h);
-  write_figure(out, layout.width, layout.height, [&](cairo_t *cr) { draw_head(cr, h, layout); });
+  write_picture(args, out, layout.width, layout.height, [&](cairo_t *cr) { draw_head(cr, h, layout); });
   note("brelix-plot head: wrote " + out);
   return 0;
 }

@@ -26,6 +26,15 @@ std::string output_path(const ParsedArgs &args) {
   return out;
 }
 
+void write_picture(const ParsedArgs &args, const std::string &out, int width, int height, const DrawFunction &draw) {
+  double scale = 1;
+  if (auto w = args.number("width")) {
+    if (!(*w >= 200 && *w <= 10000)) usage_fail("--width: give 200 to 10000 pixels");
+    scale = *w / width;
+  }
+  write_figure(out, width, height, draw, scale);
+}
+
 std::string head_of_electrodes(const ParsedArgs &args, const std::string &electrodes) {
   if (auto h = args.get("head")) return *h;
   size_t slash = electrodes.find_last_of('/');

@@ -8,6 +8,7 @@
 
 #include "cli/args.h"
 #include "placement/electrode_file.h"
+#include "plotting/figure.h"
 #include "plotting/matrix_file.h"
 #include "plotting/position_file.h"
 #include "surface/mesh.h"
@@ -21,6 +22,10 @@ std::string required(const ParsedArgs &args, const std::string &name);
 // The output name (-o/--output), checked for a suffix the program can
 // write before anything is read.
 std::string output_path(const ParsedArgs &args);
+
+// Write the figure of size width x height to `out`, scaled to --width
+// pixels when given (a usage error unless 200..10000).
+void write_picture(const ParsedArgs &args, const std::string &out, int width, int height, const DrawFunction &draw);
 
 // The head an electrode file belongs to: --head when given, else the
 // folder of the electrode file when it holds geometry.ans (as `brelix-prep`

@@ -33,13 +33,14 @@ const char *help =
     "                       when the row count is not a multiple of three)\n"
     "  --unit U             unit of the moments (default A·m; SI prefixes are\n"
     "                       chosen to suit the values)\n"
+    "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT     the picture: .png, .svg or .pdf\n"
     "\n"
     "example:\n"
     "  brelix-plot timecourse --fit fit.mat --sources fit.pos -o moments.png\n";
 
 const std::vector<OptionSpec> options = {{"fit", true},  {"sd", true},          {"sources", true},
-                                         {"unit", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+                                         {"unit", true}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 }  // namespace
 
@@ -98,7 +99,7 @@ int plot_timecourse(int argc, char **argv) {
   t.subtitle = "From fit " + base_name(fit_path) + (sd ? ", SD " + base_name(sd_path) : "") +
                (args.has("sources") ? ", sources " + base_name(*args.get("sources")) : "") +
                (f ? ", " + format_number(*f, 6) + " Hz" : ", sample frequency unknown") + ".";
-  write_figure(out, timecourse_width(), timecourse_height(t), [&](cairo_t *cr) { draw_timecourse(cr, t); });
+  write_picture(args, out, timecourse_width(), timecourse_height(t), [&](cairo_t *cr) { draw_timecourse(cr, t); });
   note("brelix-plot timecourse: wrote " + out);
   return 0;
 }

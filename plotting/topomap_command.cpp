@@ -42,6 +42,7 @@ const char *help =
     "  --unit U            unit of the potentials (default V; SI prefixes are\n"
     "                      chosen to suit the values)\n"
     "  --no-labels         electrode dots without their labels\n"
+    "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
     "\n"
     "example:\n"
@@ -52,7 +53,7 @@ const char *help =
 const std::vector<OptionSpec> options = {
     {"electrodes", true}, {"head", true},     {"data", true},      {"model", true},
     {"sample", true},     {"time", true},     {"dipoles", true},   {"moments", true},
-    {"unit", true},       {"no-labels", false}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+    {"unit", true},       {"no-labels", false}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 // Column `sample` of `m`, less its mean over the electrodes.
 std::vector<double> referenced(const MatrixFile &m, int sample) {
@@ -137,7 +138,7 @@ int plot_topomap(int argc, char **argv) {
   std::string out;
   Topomap t = topomap_from_command_line(argc, argv, out);
   TopomapLayout layout = topomap_layout(t);
-  write_figure(out, layout.width, layout.height, [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
+  write_picture(parse_args(argc, argv, 1, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
   note("brelix-plot topomap: wrote " + out);
   return 0;
 }
