@@ -1,0 +1,211 @@
+#include "placement/electrodes_command.h"
+
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <stdexcept>
+#include <strings.h>
+
+#include "cli/failure.h"
+#include "cli/progress.h"
+#include "cli/subcommand.h"
+#include "placement/electrode_file.h"
+#include "placement/electrodes_options.h"
+#include "placement/system_layout.h"
+#include "placement/vec3.h"
+#include "surface/head_dir.h"
+#include "surface/transform.h"
+
+namespace {
+
+std::string format(const char *fmt, double a) {
+  char buf[64];
+  snprintf(buf, sizeof buf, fmt, a);
+  return buf;
+}
+
+// A position file in metres; `what` says how its unit was decided.
+struct Positions {
+  std::vector<LabelledPoint> points;
+  std::string unit_text;
+  bool unit_sphere = false;
+};
+
+Positions read_in_metres(const std::string &path, const std::string &units, const std::string &transform) {
+  PositionFile f = read_position_file(path);
+  if (!transform.empty()) {
+    const Affine a = read_affine(transform);
+    for (LabelledPoint &p : f.points) p.p = apply_affine(a, p.p);
+  }
+  Positions out;
+  out.unit_sphere = f.unit_sphere && units == "auto";
+  double scale = 1;
+  if (out.unit_sphere) {
+    out.unit_text = "directions only (a unit sphere)";
+  } else if (units == "auto" && !f.unit.empty()) {
+    scale = metres_per_unit(f.unit);
+    out.unit_text = f.unit + " (from the file)";
+  } else {
+    std::vector<Vec3> pts;
+    for (const LabelledPoint &p : f.points) pts.push_back(p.p);
+    const UnitChoice u = choose_units(units, pts, path);
+    scale = u.scale;
+    out.unit_text = u.describe();
+  }
+  for (LabelledPoint &p : f.points) p.p = scale * p.p;
+  out.points = std::move(f.points);
+  return out;
+}
+
+// Refuse labels brelix would cut short and labels given twice (the data
+// step matches channels without regard to case, so neither may case).
+void check_labels(const std::vector<LabelledPoint> &points, const std::string &file) {
+  std::map<std::string, const LabelledPoint *> seen;
+  for (const LabelledPoint &p : points) {
+    if (p.label.size() > MAX_LABEL_LENGTH)
+      fail(file, p.place, "label '" + p.label + "' is longer than the 10 characters brelix keeps");
+    std::string key = p.label;
+    for (char &c : key) c = (char)std::tolower((unsigned char)c);
+    auto [it, fresh] = seen.emplace(key, &p);
+    if (!fresh) fail(file, p.place, "label '" + p.label + "' also names the electrode at " + it->second->place);
+  }
+}
+
+bool same_label(const std::string &a, const std::string &b) { return strcasecmp(a.c_str(), b.c_str()) == 0; }
+
+// --labels and --drop.
+std::vector<LabelledPoint> select(const std::vector<LabelledPoint> &points, const ElectrodesOptions &o,
+                                  const std::string &source) {
+  std::vector<LabelledPoint> out;
+  if (!o.keep.empty()) {
+    for (const std::string &want : o.keep) {
+      const LabelledPoint *found = nullptr;
+      for (const LabelledPoint &p : points)
+        if (same_label(p.label, want)) found = &p;
+      if (!found) fail(source, "", "no electrode '" + want + "' (named by --labels)");
+      out.push_back(*found);
+    }
+  } else {
+    out = points;
+  }
+  for (const std::string &d : o.drop)
+    std::erase_if(out, [&](const LabelledPoint &p) { return same_label(p.label, d); });
+  if (out.empty()) fail(source, "", "no electrodes left to write");
+  return out;
+}
+
+int run(const ElectrodesOptions &o) {
+  set_quiet(o.quiet);
+  std::string report;
+  auto say = [&](const std::string &line) { report += line + "\n"; };
+
+  Mesh scalp = read_scalp(o.scalp);
+  if (scalp.triangles.empty()) fail(o.scalp, "", "the scalp has no triangles");
+  const UnitChoice su = choose_units("auto", scalp.vertices, o.scalp);
+  for (Vec3 &v : scalp.vertices) v = su.scale * v;
+  const ScalpLocator locator(scalp);
+  say("scalp: " + o.scalp + ", " + std::to_string(scalp.vertices.size()) + " vertices, " +
+      std::to_string(scalp.triangles.size()) + " triangles, units " + su.describe());
+
+  Positions head;
+  if (!o.fiducials.empty()) head = read_in_metres(o.fiducials, o.units, "");
+  if (head.unit_sphere) fail(o.fiducials, "", "the landmarks on the head need coordinates, not directions");
+
+  std::vector<LabelledPoint> electrodes;
+  const std::string source = o.system.empty() ? o.positions : o.fiducials;
+  if (!o.system.empty()) {
+    LayoutSystem system;
+    if (!parse_layout_system(o.system, system)) usage_fail("--system must be 10-20, 10-10 or 10-5");
+    HeadLandmarks lm;
+    Vec3 *slot[LANDMARKS] = {&lm.nasion, &lm.lpa, &lm.rpa, &lm.inion};
+    for (int k = 0; k < LANDMARKS; k++) {
+      const auto p = find_landmark(head.points, o.names, (Landmark)k, o.fiducials);
+      if (!p) fail(o.fiducials, "", "no " + std::string(landmark_name[k]) + " for --system");
+      *slot[k] = *p;
+    }
+    try {
+      electrodes = build_layout(locator, lm, system);
+    } catch (const std::runtime_error &e) {
+      fail(o.fiducials, "", e.what());
+    }
+    say("layout: " + o.system + " on the scalp, " + std::to_string(electrodes.size()) + " electrodes");
+  } else {
+    Positions pos = read_in_metres(o.positions, o.units, o.transform);
+    if (pos.unit_sphere && !o.scale)
+      fail(o.positions, "", "the file gives directions only (a unit sphere): add --fiducials FILE --scale to size "
+                            "and place them, or give their radius' unit with --units");
+    std::vector<LabelledPoint> fid;
+    for (const LabelledPoint &p : pos.points) (o.names.which(p.label) >= 0 ? fid : electrodes).push_back(p);
+    say("positions: " + o.positions + ", " + std::to_string(electrodes.size()) + " electrodes, " +
+        std::to_string(fid.size()) + " fiducials, units " + pos.unit_text);
+    if (!o.transform.empty()) say("transform: " + o.transform);
+    if (!o.fiducials.empty()) {
+      const FiducialFit fit = fit_fiducials(fid, o.positions, head.points, o.fiducials, o.names, o.scale);
+      std::string line = std::string("fiducial fit (rigid") + (o.scale ? ", with scale" : "") + "): residuals";
+      double sum2 = 0;
+      for (size_t i = 0; i < fit.used.size(); i++) {
+        line += " " + fit.used[i] + format(" %.2f mm", 1000 * fit.residual[i]) + (i + 1 < fit.used.size() ? "," : "");
+        sum2 += fit.residual[i] * fit.residual[i];
+      }
+      say(line + format("; rms %.2f mm", 1000 * std::sqrt(sum2 / (double)fit.used.size())));
+      Similarity t = fit.transform;
+      if (o.icp) {
+        std::vector<Vec3> from, to, landmarks_from, landmarks_to;
+        for (const LabelledPoint &e : electrodes) from.push_back(e.p);
+        for (int k = 0; k < LANDMARKS; k++) {
+          const auto a = find_landmark(fid, o.names, (Landmark)k, o.positions);
+          const auto b = find_landmark(head.points, o.names, (Landmark)k, o.fiducials);
+          if (a && b) landmarks_from.push_back(*a), landmarks_to.push_back(*b);
+        }
+        const IcpResult icp = refine_to_scalp(locator, from, t, landmarks_from, landmarks_to);
+        say("icp: " + std::to_string(icp.iterations) + " rounds, mean distance to the scalp" +
+            format(" %.2f mm", 1000 * icp.mean_before) + format(" -> %.2f mm", 1000 * icp.mean_after));
+        t = icp.transform;
+      }
+      say("transform (positions -> head, metres):");
+      report += describe(t, "m");
+      for (LabelledPoint &e : electrodes) e.p = t.apply(e.p);
+    }
+  }
+
+  electrodes = select(electrodes, o, source);
+  check_labels(electrodes, source);
+
+  // Project, and refuse the electrodes the scalp is too far from.
+  std::vector<ElectrodeEntry> entries;
+  std::string far, table;
+  double sum = 0, largest = -1;
+  std::string largest_label;
+  for (const LabelledPoint &e : electrodes) {
+    const SurfacePoint q = locator.closest(e.p);
+    const double mm = 1000 * q.distance;
+    char row[160];
+    snprintf(row, sizeof row, "%-10s %9d %10.6f %10.6f %8.2f\n", e.label.c_str(), q.triangle + 1, q.u, q.v, mm);
+    table += row;
+    if (mm > o.max_distance_mm) far += (far.empty() ? "" : ", ") + e.label + format(" (%.1f mm)", mm);
+    sum += mm;
+    if (mm > largest) largest = mm, largest_label = e.label;
+    entries.push_back({false, q.triangle, q.u, q.v, e.label, true});
+  }
+  if (!far.empty())
+    fail(source, "", "farther than " + format("%g", o.max_distance_mm) + " mm from the scalp (--max-distance): " + far);
+  write_electrode_file(o.output, entries);
+
+  say("electrode   triangle          u          v   moved (mm)");
+  report += table;
+  say(std::to_string(entries.size()) + " electrodes written to " + o.output + format("; moved %.2f mm", sum / (double)entries.size()) +
+      " on average, at most" + format(" %.2f mm", largest) + " (" + largest_label + ")");
+  if (!o.quiet) fputs(report.c_str(), stdout);
+  return 0;
+}
+
+}  // namespace
+
+int prep_electrodes(int argc, char **argv) {
+  if (wants_help(argc, argv)) {
+    fputs(electrodes_help, stdout);
+    return 0;
+  }
+  return run(parse_electrodes_options(argc, argv));
+}
