@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "geometry/solangle.h"
+#include "geometry/solangle_batch.h"
+#include "numeric/indexed_sums.h"
 #include "numeric/nrutils.h"
 #include "numeric/parallel.h"
 
@@ -39,38 +41,67 @@ void check_triangles(const Interface &g) {
 
 // Sum of row r over columns c0 .. c0+n-1, in double so that the closure
 // tests and the diagonal correction do not suffer from float rounding.
+// Four running sums, added up at the end, keep the adder busy instead of
+// waiting for each addition in turn.
 double row_sum(const float *row, int c0, int n) {
-  double s = 0.0;
-  for (int c = c0; c < c0 + n; c++) s += row[c];
-  return s;
+  double s[4] = {0.0, 0.0, 0.0, 0.0};
+  const int end = c0 + n, body = c0 + n / 4 * 4;
+  int c = c0;
+  for (; c < body; c += 4)
+    for (int k = 0; k < 4; k++) s[k] += row[c + k];
+  for (; c < end; c++) s[0] += row[c];
+  return (s[0] + s[1]) + (s[2] + s[3]);
 }
+
+// The ring of neighbours of a vertex: each vertex once, in increasing
+// order (the order in which the own-vertex entry adds them up).
+struct Ring {
+  int count = 0;      // distinct neighbours
+  int triangles = 0;  // triangles around the vertex
+  double centre[3] = {0.0, 0.0, 0.0};  // sum of the neighbours of every triangle
+  int *v = nullptr;   // [0..capacity-1]
+  int capacity = 0;
+
+  // Triangle around the vertex with the other corners v1, v2 at p1, p2.
+  void add(int v1, int v2, const double *p1, const double *p2) {
+    triangles++;
+    for (int c = 0; c < 3; c++) centre[c] += p1[c] + p2[c];
+    insert(v1);
+    insert(v2);
+  }
+  void insert(int w) {
+    int k = count;
+    while (k > 0 && v[k - 1] > w) k--;
+    if (k > 0 && v[k - 1] == w) return;
+    if (count == capacity) return;  // cannot happen: at most one entry per vertex
+    for (int m = count; m > k; m--) v[m] = v[m - 1];
+    v[k] = w;
+    count++;
+  }
+};
 
 // Own-vertex entry of a diagonal-block row, from the cone spanned by the ring
 // of neighbours (apex at the vertex x, base a circle of the ring's mean
 // radius), then whatever the discretisation lost goes to the neighbours so
-// that the row totals 2 pi of solid angle (1 in units of 2 pi).  centre is
-// the sum of the neighbour positions (each counted twice), mark[v] flags the
-// nneighb neighbours among the nj vertices of g, whose columns start at cj.
-void own_vertex_entry(float *row, int r, int cj, const Interface &g, int nj, const int *mark,
-                      const double centre[3], int nneighb, const double x[3]) {
+// that the row totals 2 pi of solid angle (1 in units of 2 pi).  The nj
+// vertices of g have their columns from cj on.
+void own_vertex_entry(float *row, int r, int cj, const Interface &g, int nj, const Ring &ring, const double x[3]) {
   double m[3];
-  for (int c = 0; c < 3; c++) m[c] = centre[c] / (2.0 * nneighb);
+  for (int c = 0; c < 3; c++) m[c] = ring.centre[c] / (2.0 * ring.triangles);
   double spread = 0.0;
-  for (int v = 0; v < nj; v++)
-    if (mark[v])
-      for (int c = 0; c < 3; c++) {
-        const double dv = g.pnt[v][c] - m[c];
-        spread += dv * dv;
-      }
-  const double rad = std::sqrt(spread / nneighb);
+  for (int k = 0; k < ring.count; k++)
+    for (int c = 0; c < 3; c++) {
+      const double dv = g.pnt[ring.v[k]][c] - m[c];
+      spread += dv * dv;
+    }
+  const double rad = std::sqrt(spread / ring.triangles);
   double h2 = 0.0;
   for (int c = 0; c < 3; c++) h2 += (x[c] - m[c]) * (x[c] - m[c]);
   const double q = rad / std::sqrt(rad * rad + h2);
   const double theta = 2.0 * std::acos(q);
   row[r] = (float)(theta <= 0.0001 ? theta / 4.0 : 2.0 * (1.0 - q) / theta);
-  const double extra = (1.0 - row_sum(row, cj, nj)) / nneighb;
-  for (int v = 0; v < nj; v++)
-    if (mark[v]) row[cj + v] = (float)(row[cj + v] + extra);
+  const double extra = (1.0 - row_sum(row, cj, nj)) / ring.triangles;
+  for (int k = 0; k < ring.count; k++) row[cj + ring.v[k]] = (float)(row[cj + ring.v[k]] + extra);
 }
 
 }  // namespace
@@ -118,8 +149,8 @@ void b_submatrix_reference(int i, int j) {
   do {
     again = false;
     for (int k = 0; k < ni; k++) memset(&b[ri + k][cj], 0, sizeof(float) * nj);
-    int *mark = ivector(0, ni > 0 ? ni - 1 : 0);
-    if (!mark) error("cannot allocate vector member");
+    int *ring_space = ivector(0, ni > 0 ? ni - 1 : 0);
+    if (!ring_space) error("cannot allocate vector member");
 
     for (int k = 0; k < ni; k++) {
       const int r = ri + k;
@@ -127,10 +158,10 @@ void b_submatrix_reference(int i, int j) {
 
       float *row = b[r];
       const double x[3] = {gi.pnt[k][0], gi.pnt[k][1], gi.pnt[k][2]};
-      int nneighb = 0;
-      double centre[3] = {0.0, 0.0, 0.0};
+      Ring ring;
+      ring.v = ring_space;
+      ring.capacity = ni;
       bool coincident = false;
-      if (diagonal) memset(mark, 0, sizeof(int) * (ni > 0 ? ni : 1));
 
       for (int t = 0; t < gj.ndhk; t++) {
         const int32_t *tri = gj.dhk[t];
@@ -140,9 +171,9 @@ void b_submatrix_reference(int i, int j) {
           const int p = tri[0] == k ? 0 : tri[1] == k ? 1 : tri[2] == k ? 2 : -1;
           if (p >= 0) {
             const int v1 = tri[(p + 1) % 3], v2 = tri[(p + 2) % 3];
-            mark[v1] = mark[v2] = 1;
-            nneighb++;
-            for (int c = 0; c < 3; c++) centre[c] += (double)gj.pnt[v1][c] + (double)gj.pnt[v2][c];
+            const double p1[3] = {gj.pnt[v1][0], gj.pnt[v1][1], gj.pnt[v1][2]};
+            const double p2[3] = {gj.pnt[v2][0], gj.pnt[v2][1], gj.pnt[v2][2]};
+            ring.add(v1, v2, p1, p2);
             continue;
           }
         }
@@ -179,11 +210,11 @@ void b_submatrix_reference(int i, int j) {
       }
 
       if (diagonal) {
-        if (nneighb == 0) {
+        if (ring.triangles == 0) {
           snprintf(errmsg, ERRMSG_SIZE, "vertex %d of %s belongs to no triangle", k + 1, gi.name);
           fatal();
         }
-        own_vertex_entry(row, r, cj, gj, nj, mark, centre, nneighb, x);
+        own_vertex_entry(row, r, cj, gj, nj, ring, x);
         geocon[i][i] = 1;
         state = 1;
         continue;
@@ -214,7 +245,7 @@ void b_submatrix_reference(int i, int j) {
         fatal();
       }
     }
-    ifree_vector(mark, 0, ni > 0 ? ni - 1 : 0);
+    ifree_vector(ring_space, 0, ni > 0 ? ni - 1 : 0);
   } while (again);
 
   if (state < 0) {
@@ -241,101 +272,114 @@ struct RowResult {
 
 // Per-thread work space.
 struct RowScratch {
-  int *mark = nullptr;      // [0..nj-1] neighbours of the row's vertex (diagonal)
-  double *y = nullptr;      // [0..3nj-1] every vertex of j minus the row's vertex
-  double *len = nullptr;    // [0..nj-1] their lengths
-  int *zero = nullptr;      // [0..nj-1] vertices of j on the row's vertex, in index order
+  int *ring = nullptr;    // [0..nj-1] neighbours of the row's vertex (diagonal)
+  double *len = nullptr;  // [0..nj-1] distances of the vertices of j from the row's vertex
+  double *w = nullptr;    // [0..3 ndhk] weight of corner m of triangle t at m ndhk + t, then a zero
+  int *events = nullptr;  // [0..ndhk-1] triangles that are not simply far
 };
 
 struct Block {
   int i, j, ri, cj, ni, nj;
   bool diagonal;
   const Interface *gi, *gj;
-  const double *pj;  // vertices of j in double, three per vertex
+  const double *pj;    // vertices of j in double, three per vertex
+  SurfaceLanes lanes;  // the surface j laid out for the vector kernels
+  IndexedSums sums;    // corner weights into row entries, in triangle order
 };
+
+// The plan that adds the corner weights of j's triangles into the row
+// entries of their vertices, in the order of the triangles and, within a
+// triangle, of its corners: the order in which the plain code adds them.
+bool make_corner_sums(IndexedSums *sums, const Interface &g) {
+  const int nterms = 3 * g.ndhk;
+  int *target = ivector(0, nterms > 0 ? nterms - 1 : 0), *index = ivector(0, nterms > 0 ? nterms - 1 : 0);
+  bool ok = target && index;
+  if (ok) {
+    for (int t = 0; t < g.ndhk; t++)
+      for (int m = 0; m < 3; m++) {
+        target[3 * t + m] = g.dhk[t][m];
+        index[3 * t + m] = m * g.ndhk + t;
+      }
+    ok = indexed_sums_make(sums, g.npnt, nterms, target, index, nterms);
+  }
+  if (target) ifree_vector(target, 0, nterms > 0 ? nterms - 1 : 0);
+  if (index) ifree_vector(index, 0, nterms > 0 ? nterms - 1 : 0);
+  return ok;
+}
 
 // Row k of block bk into b (the block's columns only), with the scratch s
 // of the calling thread.  Never prints and never ends the process: a fault
 // is reported in the result for the caller to raise in row order.
+//
+// The far triangles, nearly all of them, get their weights from the vector
+// kernel; the rest are treated here one by one in triangle order exactly as
+// the plain code treats them (own triangles of the vertex, coincident and
+// double vertices, points on a triangle, near triangles); then the weights
+// are added into the row in the plain code's order.
 void make_row(const Block &bk, int k, RowScratch &s, RowResult &res) {
-  const Interface &gi = *bk.gi, &gj = *bk.gj;
-  const int nj = bk.nj, cj = bk.cj;
+  const Interface &gj = *bk.gj;
+  const int nj = bk.nj, cj = bk.cj, ndhk = gj.ndhk;
   const int r = bk.ri + k;
   float *row = b[r];
-  memset(&row[cj], 0, sizeof(float) * nj);
   res = RowResult();
 
-  // Every vertex of j seen from x once per row, rather than three times per
-  // triangle: the differences and lengths are the ones solangle would form.
-  const double x[3] = {gi.pnt[k][0], gi.pnt[k][1], gi.pnt[k][2]};
-  int nzero = 0;
-  for (int v = 0; v < nj; v++) {
-    double *yv = &s.y[3 * v];
-    for (int c = 0; c < 3; c++) yv[c] = bk.pj[3 * v + c] - x[c];
-    s.len[v] = solangle_length(yv);
-    // The row's own vertex in a diagonal block only ever meets triangles
-    // that are skipped below, so it needs no test.
-    if (yv[0] == 0.0 && yv[1] == 0.0 && yv[2] == 0.0 && !(bk.diagonal && v == k)) s.zero[nzero++] = v;
-  }
-  auto on_vertex = [&](int v) {
-    for (int z = 0; z < nzero; z++)
-      if (s.zero[z] == v) return true;
-    return false;
-  };
+  const float *xk = bk.gi->pnt[k];
+  const double x[3] = {xk[0], xk[1], xk[2]};
+  vertex_lengths(bk.lanes, x, s.len);
+  const int nev = far_triangle_weights(bk.lanes, x, s.len, FAR_TRIANGLE, INV_TWO_PI, s.w, ndhk, s.events);
 
-  int nneighb = 0;
-  double centre[3] = {0.0, 0.0, 0.0};
-  if (bk.diagonal) memset(s.mark, 0, sizeof(int) * nj);
-
-  for (int t = 0; t < gj.ndhk; t++) {
+  Ring ring;
+  ring.v = s.ring;
+  ring.capacity = nj;
+  for (int e = 0; e < nev; e++) {
+    const int t = s.events[e];
     const int32_t *tri = gj.dhk[t];
+    double *wt[3] = {&s.w[t], &s.w[ndhk + t], &s.w[2 * ndhk + t]};
     if (bk.diagonal) {
+      // The triangles around the vertex itself carry no solid angle;
+      // they describe its neighbourhood for the own-vertex term.
       const int p = tri[0] == k ? 0 : tri[1] == k ? 1 : tri[2] == k ? 2 : -1;
       if (p >= 0) {
         const int v1 = tri[(p + 1) % 3], v2 = tri[(p + 2) % 3];
-        s.mark[v1] = s.mark[v2] = 1;
-        nneighb++;
-        for (int c = 0; c < 3; c++) centre[c] += bk.pj[3 * v1 + c] + bk.pj[3 * v2 + c];
+        ring.add(v1, v2, &bk.pj[3 * v1], &bk.pj[3 * v2]);
+        *wt[0] = *wt[1] = *wt[2] = 0.0;
         continue;
       }
     }
-    if (nzero > 0) {
-      int zero = -1;
-      for (int m = 0; m < 3 && zero < 0; m++)
-        if (on_vertex(tri[m])) zero = m;
-      if (zero >= 0) {
-        if (bk.diagonal) {
-          res.kind = ROW_DOUBLE_VERTEX;
-        } else {
-          res.kind = ROW_COINCIDENT;
-          res.vertex = tri[zero];
-        }
-        return;
-      }
+    double y[3][3];
+    int zero = -1;
+    for (int m = 0; m < 3; m++) {
+      for (int c = 0; c < 3; c++) y[m][c] = bk.pj[3 * tri[m] + c] - x[c];
+      if (zero < 0 && y[m][0] == 0.0 && y[m][1] == 0.0 && y[m][2] == 0.0) zero = m;
+    }
+    if (zero >= 0) {
+      res.kind = bk.diagonal ? ROW_DOUBLE_VERTEX : ROW_COINCIDENT;
+      res.vertex = tri[zero];
+      return;
     }
     double w1, w2, w3;
-    const int a = tri[0], bv = tri[1], c = tri[2];
-    if (!solangle_lengths(&s.y[3 * a], &s.y[3 * bv], &s.y[3 * c], s.len[a], s.len[bv], s.len[c], &w1, &w2, &w3,
+    if (!solangle_lengths(y[0], y[1], y[2], s.len[tri[0]], s.len[tri[1]], s.len[tri[2]], &w1, &w2, &w3,
                           FAR_TRIANGLE)) {
       res.kind = ROW_TOUCHES;
       res.triangle = t;
       return;
     }
-    float *e0 = &row[cj + a], *e1 = &row[cj + bv], *e2 = &row[cj + c];
-    *e0 = (float)(*e0 + w1 * INV_TWO_PI);
-    *e1 = (float)(*e1 + w2 * INV_TWO_PI);
-    *e2 = (float)(*e2 + w3 * INV_TWO_PI);
+    *wt[0] = w1 * INV_TWO_PI;
+    *wt[1] = w2 * INV_TWO_PI;
+    *wt[2] = w3 * INV_TWO_PI;
   }
+  s.w[3 * ndhk] = 0.0;
+  indexed_sums(bk.sums, s.w, &row[cj]);
 
   if (!bk.diagonal) {
     res.sum = row_sum(row, cj, nj);
     return;
   }
-  if (nneighb == 0) {
+  if (ring.triangles == 0) {
     res.kind = ROW_NO_TRIANGLE;
     return;
   }
-  own_vertex_entry(row, r, cj, gj, nj, s.mark, centre, nneighb, x);
+  own_vertex_entry(row, r, cj, gj, nj, ring, x);
 }
 
 // Rows of one block made by a pool of threads and handed to the caller in
@@ -346,12 +390,11 @@ class RowPool {
   RowPool(const Block &bk, int nthreads) : bk_(bk), results_(bk.ni), ready_(bk.ni, 0) {
     scratch_.resize(nthreads);
     for (RowScratch &s : scratch_) {
-      const int n = bk.nj > 0 ? bk.nj : 1;
-      s.mark = ivector(0, n - 1);
-      s.y = dvector(0, 3 * n - 1);
-      s.len = dvector(0, n - 1);
-      s.zero = ivector(0, n - 1);
-      if (!s.mark || !s.y || !s.len || !s.zero) error("cannot allocate vector member");
+      s.ring = ivector(0, vertices() - 1);
+      s.len = dvector(0, vertices() - 1);
+      s.w = dvector(0, 3 * bk.gj->ndhk);
+      s.events = ivector(0, triangles() - 1);
+      if (!s.ring || !s.len || !s.w || !s.events) error("cannot allocate vector member");
     }
     // A thread the system refuses only means fewer helpers: the caller
     // makes whatever rows nobody else takes.
@@ -371,11 +414,10 @@ class RowPool {
     for (std::thread &w : workers_) w.join();
     workers_.clear();
     for (RowScratch &s : scratch_) {
-      const int n = bk_.nj > 0 ? bk_.nj : 1;
-      if (s.mark) ifree_vector(s.mark, 0, n - 1);
-      if (s.y) free_dvector(s.y, 0, 3 * n - 1);
-      if (s.len) free_dvector(s.len, 0, n - 1);
-      if (s.zero) ifree_vector(s.zero, 0, n - 1);
+      if (s.ring) ifree_vector(s.ring, 0, vertices() - 1);
+      if (s.len) free_dvector(s.len, 0, vertices() - 1);
+      if (s.w) free_dvector(s.w, 0, 3 * bk_.gj->ndhk);
+      if (s.events) ifree_vector(s.events, 0, triangles() - 1);
       s = RowScratch();
     }
   }
@@ -400,6 +442,10 @@ class RowPool {
   }
 
  private:
+  // Sizes of the work space (at least one entry each).
+  int vertices() const { return bk_.nj > 0 ? bk_.nj : 1; }
+  int triangles() const { return bk_.gj->ndhk > 0 ? bk_.gj->ndhk : 1; }
+
   void make(int k, RowScratch &s) {
     make_row(bk_, k, s, results_[k]);
     {
@@ -451,7 +497,9 @@ void b_submatrix_threaded(int i, int j) {
     if (!pj) error("cannot allocate vector member");
     for (int v = 0; v < nj; v++)
       for (int c = 0; c < 3; c++) pj[3 * v + c] = gj.pnt[v][c];
-    const Block bk = {i, j, ri, cj, ni, nj, diagonal, &gi, &gj, pj};
+    Block bk = {i, j, ri, cj, ni, nj, diagonal, &gi, &gj, pj, SurfaceLanes(), IndexedSums()};
+    if (!surface_lanes_make(&bk.lanes, gj.pnt, nj, gj.dhk, gj.ndhk) || !make_corner_sums(&bk.sums, gj))
+      error("cannot allocate vector member");
     RowPool pool(bk, std::min(assembly_threads(), ni));
 
     // The walk in row order; a containment found only after coincident
@@ -517,6 +565,8 @@ void b_submatrix_threaded(int i, int j) {
       }
     } while (again);
     pool.stop();
+    surface_lanes_free(&bk.lanes);
+    indexed_sums_free(&bk.sums);
     free_dvector(pj, 0, 3 * (nj > 0 ? nj : 1) - 1);
   }
 
@@ -602,35 +652,49 @@ void get_deflat(Interface *table, int n, float f[][MAXGEO]) {
   ifree_vector(ksurf, 0, n > 0 ? n - 1 : 0);
 }
 
+namespace {
+
+// p[0 .. n-1] = -(p * scale - deflation): one block row of the transform,
+// negated for I - C.  Vectorised by the compiler; each value is still one
+// rounded product and one rounded difference.
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((optimize("tree-vectorize", "vect-cost-model=dynamic")))
+#endif
+void transform_part(float *p, int n, float scale, float deflation) {
+  for (int c = 0; c < n; c++) p[c] = -(p[c] * scale - deflation);
+}
+
+}  // namespace
+
 // table: the n interfaces whose vertices number the rows and columns of m.
 // npoints: the order of m (the sum of their npnt).
 // f: deflation factors from get_deflat.
 // m: on input the geometric weights, on output the system matrix I - C,
 //   with the conductivity contrasts and the deflation applied block by block.
 void b_transform(Interface *table, int n, int npoints, float f[][MAXGEO], float **m) {
-  int r0 = 1;
+  // Per block (i, j) a scale and a deflation constant.
+  float scale[MAXGEO][MAXGEO], deflation[MAXGEO][MAXGEO];
+  int first[MAXGEO + 1];  // first row (and column) of each interface
+  first[0] = 1;
   for (int i = 0; i < n; i++) {
-    const int ni = table[i].npnt;
+    first[i + 1] = first[i] + table[i].npnt;
     const float sum_i = table[i].sigma_in + table[i].sigma_out;
-    int c0 = 1;
     for (int j = 0; j < n; j++) {
-      const int nj = table[j].npnt;
       const float jump = table[j].sigma_in - table[j].sigma_out;
-      const float scale = jump / sum_i;
-      const float deflation = f[i][j] * jump / (table[j].sigma_in + table[j].sigma_out) / (float)nj;
-      for (int r = r0; r < r0 + ni; r++) {
-        float *row = m[r];
-        for (int c = c0; c < c0 + nj; c++) row[c] = row[c] * scale - deflation;
-      }
-      c0 += nj;
+      scale[i][j] = jump / sum_i;
+      deflation[i][j] = f[i][j] * jump / (table[j].sigma_in + table[j].sigma_out) / (float)table[j].npnt;
     }
-    r0 += ni;
   }
-  for (int r = 1; r <= npoints; r++) {
-    float *row = m[r];
-    for (int c = 1; c <= npoints; c++) row[c] = -row[c];
-    row[r] += 1.0f;
-  }
+  // One pass over the matrix, rows shared among the threads.
+  parallel_for(npoints, 64, assembly_reference() ? 1 : assembly_threads(), [&](int begin, int end) {
+    int i = 0;
+    for (int r = begin + 1; r <= end; r++) {
+      while (i + 1 < n && r >= first[i + 1]) i++;
+      float *row = m[r];
+      for (int j = 0; j < n; j++) transform_part(row + first[j], table[j].npnt, scale[i][j], deflation[i][j]);
+      row[r] += 1.0f;
+    }
+  });
 }
 
 // Reads geo, ngeo, totpnt and iso_sur; b must be allocated totpnt x totpnt.

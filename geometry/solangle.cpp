@@ -4,43 +4,46 @@
 
 #include <cmath>
 
+#include "numeric/double_lanes.h"
+#include "numeric/elementary.h"
+
+namespace solangle_scalar {
+using V = LanesScalar;
+#include "numeric/elementary_body.inc"
+#include "geometry/solangle_body.inc"
+}  // namespace solangle_scalar
+
 namespace {
 
 // The one length formula of this module, shared with callers that supply
 // lengths themselves.
 double norm(const double v[3]) { return solangle_length(v); }
 
-using solangle_detail::cross;
-using solangle_detail::dot;
+double dot(const double a[3], const double b[3]) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
 
-}  // namespace
-
-// y1, y2, y3: triangle vertices minus the observation point (read only).
-// w1, w2, w3: on output (return 1) the parts of the solid angle that belong
-//   to y1, y2, y3; left untouched when 0 is returned.
-// minangle: triangles seen under a smaller solid angle (in absolute value)
-//   are split equally, which spares the logarithms for far triangles.
-// Returns 1, or 0 when the point lies on the triangle, on one of its edges or
-// on one of its vertices.
-int solangle(const double y1[3], const double y2[3], const double y3[3], double *w1, double *w2, double *w3,
-             double minangle) {
-  return solangle_lengths(y1, y2, y3, norm(y1), norm(y2), norm(y3), w1, w2, w3, minangle);
+void cross(const double a[3], const double b[3], double c[3]) {
+  c[0] = a[1] * b[2] - a[2] * b[1];
+  c[1] = a[2] * b[0] - a[0] * b[2];
+  c[2] = a[0] * b[1] - a[1] * b[0];
 }
 
-// y1, y2, y3, l1, l2, l3, w1, w2, w3: as for solangle_lengths.
-// t: y1 . (y2 x y3); omega: the solid angle, at least the far-triangle
-//   threshold in absolute value.
-// Returns as solangle.
-int solangle_near(const double y1[3], const double y2[3], const double y3[3], double l1, double l2, double l3,
-                  double t, double omega, double *w1, double *w2, double *w3) {
-  double z1[3];
-  cross(y2, y3, z1);
+// Triple product, half-angle denominator and solid angle of one triangle.
+void angle_parts(const double y1[3], const double y2[3], const double y3[3], double l1, double l2, double l3,
+                 double *t, double *den, double *omega) {
+  const double y[3][3] = {{y1[0], y1[1], y1[2]}, {y2[0], y2[1], y2[2]}, {y3[0], y3[1], y3[2]}};
+  const double l[3] = {l1, l2, l3};
+  solangle_scalar::solid_angle_lanes(y, l, *t, *den, *omega);
+}
+
+// The weights of a triangle seen under the solid angle omega (|omega| at
+// least the far-triangle threshold), t = y1 . (y2 x y3); arguments and
+// result as for solangle_lengths.
+int near_weights(const double y1[3], const double y2[3], const double y3[3], double l1, double l2, double l3,
+                 double t, double omega, double *w1, double *w2, double *w3) {
   const double *y[5] = {y3, y1, y2, y3, y1};  // cyclic: y[0] = y3, y[4] = y1
   const double l[5] = {l3, l1, l2, l3, l1};
   double z[4][3];
-  z[1][0] = z1[0];
-  z[1][1] = z1[1];
-  z[1][2] = z1[2];
+  cross(y2, y3, z[1]);
   cross(y3, y1, z[2]);
   cross(y1, y2, z[3]);
   double n[3];
@@ -61,9 +64,9 @@ int solangle_near(const double y1[3], const double y2[3], const double y3[3], do
     const double q = lambda * l[i + 1] + dot(y[i + 1], d);
     double g;
     if (q != 0.0 && p != 0.0)
-      g = std::log(p / q) / lambda;
+      g = elem_log(p / q) / lambda;
     else if (q == 0.0 && p == 0.0)  // on the edge's line beyond its far end: the limit
-      g = std::log(l[i + 1] / l[i]) / lambda;
+      g = elem_log(l[i + 1] / l[i]) / lambda;
     else
       return 0;  // on the edge or at its start vertex
     for (int c = 0; c < 3; c++) s[c] -= g * d[c];
@@ -81,20 +84,45 @@ int solangle_near(const double y1[3], const double y2[3], const double y3[3], do
   return 1;
 }
 
+}  // namespace
+
+// y1, y2, y3: triangle vertices minus the observation point (read only).
+// w1, w2, w3: on output (return 1) the parts of the solid angle that belong
+//   to y1, y2, y3; left untouched when 0 is returned.
+// minangle: triangles seen under a smaller solid angle (in absolute value)
+//   are split equally, which spares the logarithms for far triangles.
+// Returns 1, or 0 when the point lies on the triangle, on one of its edges or
+// on one of its vertices.
+int solangle(const double y1[3], const double y2[3], const double y3[3], double *w1, double *w2, double *w3,
+             double minangle) {
+  return solangle_lengths(y1, y2, y3, norm(y1), norm(y2), norm(y3), w1, w2, w3, minangle);
+}
+
+// y1..y3, w1..w3, minangle, result: as for solangle.
+// l1, l2, l3: solangle_length of y1, y2, y3.
+int solangle_lengths(const double y1[3], const double y2[3], const double y3[3], double l1, double l2, double l3,
+                     double *w1, double *w2, double *w3, double minangle) {
+  double t, den, omega;
+  angle_parts(y1, y2, y3, l1, l2, l3, &t, &den, &omega);
+  if (t == 0.0 && den <= 0.0) return 0;  // on the triangle itself
+  if (std::fabs(omega) < minangle) {
+    *w1 = *w2 = *w3 = solangle_scalar::third_lanes(omega);
+    return 1;
+  }
+  return near_weights(y1, y2, y3, l1, l2, l3, t, omega, w1, w2, w3);
+}
+
 // y1, y2, y3: triangle vertices minus the observation point (read only).
 // onplane: on output 1 when the point lies on the triangle (0.0 is then
 //   returned), else 0.
 // Returns the solid angle, with the sign convention of solangle.
 double rhoek(const double y1[3], const double y2[3], const double y3[3], int *onplane) {
-  double z1[3];
-  cross(y2, y3, z1);
-  const double t = dot(y1, z1);
-  const double l1 = norm(y1), l2 = norm(y2), l3 = norm(y3);
-  const double den = l1 * l2 * l3 + dot(y1, y2) * l3 + dot(y2, y3) * l1 + dot(y1, y3) * l2;
+  double t, den, omega;
+  angle_parts(y1, y2, y3, norm(y1), norm(y2), norm(y3), &t, &den, &omega);
   if (t == 0.0 && den <= 0.0) {
     *onplane = 1;
     return 0.0;
   }
   *onplane = 0;
-  return -2.0 * std::atan2(t, den);
+  return omega;
 }

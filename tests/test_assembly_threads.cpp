@@ -13,10 +13,12 @@
 
 #include "forwinv/bmatrix.h"
 #include "forwinv/forwinv.h"
+#include "numeric/double_simd.h"
 #include "numeric/nrutils.h"
 #include "numeric/parallel.h"
 #include "tests/support/files.h"
 #include "tests/support/h1_model.h"
+#include "tools/headshape.h"
 #include "tools/icosphere.h"
 
 namespace {
@@ -53,12 +55,12 @@ std::string assemble(int threads) {
 
 }  // namespace
 
-// The plain code (solangle), then the threaded code (lengths computed once
-// per vertex) on 1, 2 and 3 threads: on spheres with their vertices moved
-// radially at random, listed out of order (blocks of every shape), with an
-// isolated-source interface; and with vertices that coincide with another
-// interface's (rows walked again).
-TEST(AssemblyThreads, IdenticalOnEveryThreadCount) {
+// The plain code (solangle), then the threaded code (vector kernels) at
+// every instruction-set level on 1, 2 and 3 threads: on spheres with their
+// vertices moved radially at random, listed out of order (blocks of every
+// shape), with an isolated-source interface; with vertices that coincide
+// with another interface's (rows walked again); and on the deformed head.
+TEST(AssemblyThreads, IdenticalOnEveryThreadCountAndLevel) {
   std::mt19937 gen(1);
   auto rough = [&](int level, double radius, double amount) {
     TriMesh m = icosphere(level, radius);
@@ -72,13 +74,20 @@ TEST(AssemblyThreads, IdenticalOnEveryThreadCount) {
   const std::vector<h1::Surface> models[] = {
       {{"brain.tri", icosphere(2, 0.88)}, {"scalp.tri", rough(3, 1.0, 0.02), 0.3f}, {"skull.tri", rough(2, 0.92, 0.01), 0.0125f}},
       {{"outer.tri", outer}, {"inner.tri", inner}},
+      {{"scalp.tri", head_layer(2, HEAD_SCALP), 0.33f}, {"skull.tri", head_layer(2, HEAD_SKULL), 0.0042f},
+       {"brain.tri", head_layer(2, HEAD_BRAIN), 0.33f}},
   };
-  for (int m = 0; m < 2; m++) {
+  for (int m = 0; m < 3; m++) {
     h1::load_model(models[m]);
     iso_sur = m == 0 ? 0 : -1;
     const std::string ref = assemble(-1);
     ASSERT_GT(ref.size(), 4u * totpnt * totpnt);
-    for (int threads : {1, 2, 3}) EXPECT_TRUE(assemble(threads) == ref) << "model " << m << ", threads " << threads;
+    for (int level = 0; level <= double_simd_best(); level++) {
+      double_simd_set_level(level);
+      for (int threads : {1, 2, 3})
+        EXPECT_TRUE(assemble(threads) == ref) << "model " << m << ", level " << level << ", threads " << threads;
+    }
+    double_simd_set_level(-1);
   }
 }
 

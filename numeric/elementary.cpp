@@ -1,0 +1,56 @@
+// The project's atan2 and log: the scalar functions and the vectorised
+// ones, compiled for three instruction-set levels.
+#include "numeric/elementary.h"
+
+#include "numeric/double_lanes.h"
+#include "numeric/double_simd.h"
+
+namespace elementary_scalar {
+using V = LanesScalar;
+#include "numeric/elementary_body.inc"
+}  // namespace elementary_scalar
+
+#if DOUBLE_LANES_X86
+#pragma GCC push_options
+#pragma GCC target("avx2,fma")
+namespace elementary_avx2 {
+using V = LanesAvx2;
+#include "numeric/elementary_body.inc"
+}  // namespace elementary_avx2
+#pragma GCC pop_options
+
+#pragma GCC push_options
+#pragma GCC target("avx512f")
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wpsabi"
+namespace elementary_avx512 {
+using V = LanesAvx512;
+#include "numeric/elementary_body.inc"
+}  // namespace elementary_avx512
+#pragma GCC diagnostic pop
+#pragma GCC pop_options
+#endif
+
+double elem_atan2(double y, double x) { return elementary_scalar::atan2_lanes(y, x); }
+
+double elem_log(double x) { return elementary_scalar::log_lanes(x); }
+
+void elem_atan2_many(const double *y, const double *x, double *out, int n) {
+  int k = 0;
+#if DOUBLE_LANES_X86
+  if (double_simd_level() == 2) k = elementary_avx512::atan2_many_lanes(y, x, out, n);
+  if (double_simd_level() == 1) k = elementary_avx2::atan2_many_lanes(y, x, out, n);
+#endif
+  for (; k < n; k++) out[k] = elem_atan2(y[k], x[k]);
+}
+
+void elem_log_many(const double *x, double *out, int n) {
+  int k = 0;
+#if DOUBLE_LANES_X86
+  if (double_simd_level() == 2) k = elementary_avx512::log_many_lanes(x, out, n);
+  if (double_simd_level() == 1) k = elementary_avx2::log_many_lanes(x, out, n);
+#endif
+  for (; k < n; k++) out[k] = elem_log(x[k]);
+}
