@@ -3,6 +3,7 @@
 #include "cli/failure.h"
 #include "surface/byte_scan.h"
 #include "surface/readers.h"
+#include "surface/text_blocks.h"
 #include "surface/text_scan.h"
 
 ImportedSurface read_freesurfer_binary(std::string_view data, const std::string &file) {
@@ -42,20 +43,10 @@ ImportedSurface read_freesurfer_ascii(std::string_view data, const std::string &
   std::string_view line;
   if (!in.next_content_line(line, '#')) in.fail_here("no vertex and face counts");
   long long nv, nf;
-  if (!scan_long(line, nv) || !scan_long(line, nf)) in.fail_here("expected the vertex and face counts");
-  // Vertex and face lines are at least "0 0 0\n".
-  in.check_count(nv, 6, "vertex");
-  in.check_count(nf, 6, "face");
-  in.check_count(nv + nf, 6, "vertex and face");
+  read_two_counts(in, line, 6, nv, nf);
   MeshBuilder out(file);
+  read_xyz_lines(in, out, nv);
   out.reserve((size_t)nv, (size_t)nf);
-  for (long long i = 0; i < nv; i++) {
-    double v[3];
-    if (!in.next_line(line)) in.fail_here("file ends after " + std::to_string(i) + " of " + std::to_string(nv) + " vertices");
-    if (!scan_double(line, v[0]) || !scan_double(line, v[1]) || !scan_double(line, v[2]))
-      in.fail_here("vertex " + std::to_string(i + 1) + " needs three coordinates");
-    out.vertex_at(v[0], v[1], v[2], [&] { return in.place(); });
-  }
   for (long long t = 0; t < nf; t++) {
     long long idx[3];
     if (!in.next_line(line)) in.fail_here("file ends after " + std::to_string(t) + " of " + std::to_string(nf) + " faces");

@@ -6,6 +6,7 @@
 
 #include "cli/failure.h"
 #include "surface/readers.h"
+#include "surface/text_blocks.h"
 #include "surface/text_scan.h"
 
 namespace {
@@ -27,14 +28,7 @@ ImportedSurface read_normals_tri(std::string_view data, const std::string &file)
   long long nv = block_count(in, line, "vertices");
   in.check_count(nv, 6, "vertex");
   MeshBuilder out(file);
-  out.reserve((size_t)nv, 0);
-  for (long long i = 0; i < nv; i++) {
-    double v[3];
-    if (!in.next_line(line)) in.fail_here("file ends after " + std::to_string(i) + " of " + std::to_string(nv) + " vertices");
-    if (!scan_double(line, v[0]) || !scan_double(line, v[1]) || !scan_double(line, v[2]))
-      in.fail_here("vertex " + std::to_string(i + 1) + " needs three coordinates");
-    out.vertex_at(v[0], v[1], v[2], [&] { return in.place(); });
-  }
+  read_xyz_lines(in, out, nv);
   if (!in.next_content_line(line)) in.fail_here("file ends before the triangles");
   long long nt = block_count(in, line, "triangles");
   in.check_count(nt, 6, "triangle");

@@ -3,6 +3,7 @@
 
 #include "cli/failure.h"
 #include "surface/readers.h"
+#include "surface/text_blocks.h"
 #include "surface/text_scan.h"
 
 namespace {
@@ -27,22 +28,12 @@ ImportedSurface read_off(std::string_view data, const std::string &file) {
   if (!in.next_content_line(line, '#') || !off_keyword(scan_word(line))) in.fail_here("does not begin with OFF");
   // The counts may follow the keyword on its own line.
   if (only_space(line) && !in.next_content_line(line, '#')) in.fail_here("file ends before the counts");
+  // Face lines are at least "3 0 1 2" and a line end.
   long long nv, nf;
-  if (!scan_long(line, nv) || !scan_long(line, nf)) in.fail_here("expected the vertex and face counts");
-  // Vertex lines are at least "0 0 0\n", face lines "3 0 1 2\n".
-  in.check_count(nv, 6, "vertex");
-  in.check_count(nf, 8, "face");
-  in.check_count(nv + nf, 6, "vertex and face");
+  read_two_counts(in, line, 8, nv, nf);
   MeshBuilder out(file);
+  read_xyz_lines(in, out, nv, '#');
   out.reserve((size_t)nv, (size_t)nf);
-  for (long long i = 0; i < nv; i++) {
-    double v[3];
-    if (!in.next_content_line(line, '#'))
-      in.fail_here("file ends after " + std::to_string(i) + " of " + std::to_string(nv) + " vertices");
-    if (!scan_double(line, v[0]) || !scan_double(line, v[1]) || !scan_double(line, v[2]))
-      in.fail_here("vertex " + std::to_string(i + 1) + " needs three coordinates");
-    out.vertex_at(v[0], v[1], v[2], [&] { return in.place(); });
-  }
   std::vector<long long> idx;
   for (long long t = 0; t < nf; t++) {
     long long n;

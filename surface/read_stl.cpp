@@ -1,7 +1,6 @@
 // STL, ASCII and binary: every facet carries its own three corners, so the
 // corners are welded where they coincide exactly.
 #include <cstring>
-#include <unordered_map>
 #include <vector>
 
 #include "cli/failure.h"
@@ -11,33 +10,37 @@
 
 namespace {
 
-struct Vec3Hash {
-  size_t operator()(const Vec3 &p) const {
-    uint64_t h = 1469598103934665603ull;
-    for (double c : p) {
-      uint64_t bits;
-      memcpy(&bits, &c, 8);
-      h = (h ^ bits) * 1099511628211ull;
-      h ^= h >> 29;
-    }
-    return (size_t)h;
+uint64_t hash_point(const Vec3 &p) {
+  uint64_t h = 0x9E3779B97F4A7C15ull;
+  for (double c : p) {
+    uint64_t bits;
+    memcpy(&bits, &c, 8);
+    h = (h ^ bits) * 0xff51afd7ed558ccdull;
+    h ^= h >> 32;
   }
-};
+  return h;
+}
 
 }  // namespace
 
 long weld_exact_duplicates(Mesh &mesh) {
-  std::unordered_map<Vec3, int, Vec3Hash> first;
-  first.reserve(mesh.vertices.size());
-  std::vector<int> to(mesh.vertices.size());
+  // Open addressing over the kept vertices: a table of at least twice as
+  // many slots as vertices, probed linearly.
+  size_t slots = 16;
+  while (slots < 2 * mesh.vertices.size()) slots *= 2;
+  std::vector<int> table(slots, -1), to(mesh.vertices.size());
   std::vector<Vec3> kept;
   kept.reserve(mesh.vertices.size() / 2 + 1);
   for (size_t i = 0; i < mesh.vertices.size(); i++) {
     Vec3 p = mesh.vertices[i];
     for (double &c : p) c += 0.0;  // -0 and +0 are the same place
-    auto [it, added] = first.emplace(p, (int)kept.size());
-    if (added) kept.push_back(mesh.vertices[i]);
-    to[i] = it->second;
+    size_t s = hash_point(p) & (slots - 1);
+    while (table[s] >= 0 && kept[(size_t)table[s]] != p) s = (s + 1) & (slots - 1);
+    if (table[s] < 0) {
+      table[s] = (int)kept.size();
+      kept.push_back(p);
+    }
+    to[i] = table[s];
   }
   long welded = (long)(mesh.vertices.size() - kept.size());
   for (Tri &t : mesh.triangles)
