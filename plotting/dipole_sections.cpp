@@ -13,6 +13,13 @@ namespace {
 constexpr double panel_px = 380, gap = 40, top_margin = 110, margin = 30;
 const Rgb truth_colour{0.0, 0.55, 0.25};
 
+void stroke_box(cairo_t *cr, double left, double top, double size) {
+  cairo_rectangle(cr, left, top, size, size);
+  cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
+  cairo_set_line_width(cr, 1);
+  cairo_stroke(cr);
+}
+
 void trace(cairo_t *cr, const SectionsLayout &l, int panel, const std::vector<Vec3> &line) {
   for (size_t i = 0; i < line.size(); i++) {
     auto p = section_pixel(l, panel, line[i]);
@@ -60,6 +67,56 @@ void draw_dipole(cairo_t *cr, const SectionsLayout &l, int panel, const SectionD
   }
 }
 
+void draw_marks(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, int i) {
+  for (const auto &d : s.truths) draw_dipole(cr, l, i, d, false);
+  for (const auto &d : s.fitted) draw_dipole(cr, l, i, d, true);
+}
+
+void trace_surfaces(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, int i) {
+  const SectionPanel &P = l.panels[i];
+  for (size_t k = 0; k < s.surfaces.size(); k++) {
+    double rgb[3];
+    surface_line_colour(k, s.surfaces.size(), rgb);
+    cairo_set_source_rgb(cr, rgb[0], rgb[1], rgb[2]);
+    cairo_set_line_width(cr, 2.5);
+    cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND);
+    for (const auto &line : plane_section(s.surfaces[k], P.normal, s.cut[P.normal])) trace(cr, l, i, line);
+    cairo_stroke(cr);
+  }
+}
+
+// A standard deviation of a few pixels hides under the marker: then a
+// magnified view of the dipole's surroundings in the panel's corner shows
+// the ellipse at a readable size.
+void draw_inset(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, int i) {
+  if (s.focus >= s.fitted.size() || !s.fitted[s.focus].sd) return;
+  const SectionDipole &d = s.fitted[s.focus];
+  const SectionPanel &P = l.panels[i];
+  double big = std::max((*d.sd)[P.u], (*d.sd)[P.v]);
+  if (!(big > 0) || big * l.scale >= 15) return;
+  SectionsLayout z = l;
+  SectionPanel &Z = z.panels[i];
+  Z.size = 130;
+  Z.left = P.left + P.size - Z.size - 6;
+  Z.top = P.top + P.size - Z.size - 6;
+  Z.middle = d.position;
+  z.scale = 35 / big;  // the larger semi-axis: 35 pixels
+  cairo_save(cr);
+  cairo_rectangle(cr, Z.left, Z.top, Z.size, Z.size);
+  cairo_set_source_rgb(cr, 1, 1, 1);
+  cairo_fill_preserve(cr);
+  cairo_save(cr);
+  cairo_clip_preserve(cr);
+  cairo_new_path(cr);
+  trace_surfaces(cr, s, z, i);
+  draw_marks(cr, s, z, i);
+  cairo_restore(cr);
+  stroke_box(cr, Z.left, Z.top, Z.size);
+  set_font(cr, 14);
+  draw_text(cr, Z.left + 4, Z.top + 2, "×" + format_number(z.scale / l.scale, 2), 0, 0);
+  cairo_restore(cr);
+}
+
 void draw_panel(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, int i) {
   const SectionPanel &P = l.panels[i];
   cairo_save(cr);
@@ -79,30 +136,18 @@ void draw_panel(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, i
   cairo_line_to(cr, c[0], P.top + P.size);
   cairo_stroke(cr);
   cairo_set_dash(cr, nullptr, 0, 0);
-  for (size_t k = 0; k < s.surfaces.size(); k++) {
-    double rgb[3];
-    surface_line_colour(k, s.surfaces.size(), rgb);
-    cairo_set_source_rgb(cr, rgb[0], rgb[1], rgb[2]);
-    cairo_set_line_width(cr, 2.5);
-    cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND);
-    for (const auto &line : plane_section(s.surfaces[k], P.normal, s.cut[P.normal])) trace(cr, l, i, line);
-    cairo_stroke(cr);
-  }
-  for (const auto &d : s.truths) draw_dipole(cr, l, i, d, false);
-  for (const auto &d : s.fitted) draw_dipole(cr, l, i, d, true);
-  // Orientation words at the panel's edges.
+  trace_surfaces(cr, s, l, i);
+  draw_marks(cr, s, l, i);
+  // Orientation words in the corners, where a head's outline seldom is.
   static const char *words[3][2] = {{"left", "right"}, {"back", "front"}, {"down", "up"}};
   cairo_set_source_rgb(cr, 0.35, 0.35, 0.35);
   set_font(cr, 15);
-  draw_text(cr, P.left + 6, P.top + P.size / 2, words[P.u][P.u_sign < 0 ? 1 : 0], 0, 0.5);
-  draw_text(cr, P.left + P.size - 6, P.top + P.size / 2, words[P.u][P.u_sign < 0 ? 0 : 1], 1, 0.5);
-  draw_text(cr, P.left + P.size / 2, P.top + 4, words[P.v][1], 0.5, 0);
-  draw_text(cr, P.left + P.size / 2, P.top + P.size - 4, words[P.v][0], 0.5, 1);
+  draw_text(cr, P.left + 6, P.top + 4, "↑ " + std::string(words[P.v][1]), 0, 0);
+  draw_text(cr, P.left + 6, P.top + P.size - 4, "← " + std::string(words[P.u][P.u_sign < 0 ? 1 : 0]), 0, 1);
+  draw_text(cr, P.left + P.size - 6, P.top + 4, std::string(words[P.u][P.u_sign < 0 ? 0 : 1]) + " →", 1, 0);
+  draw_inset(cr, s, l, i);
   cairo_restore(cr);
-  cairo_rectangle(cr, P.left, P.top, P.size, P.size);
-  cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
-  cairo_set_line_width(cr, 1);
-  cairo_stroke(cr);
+  stroke_box(cr, P.left, P.top, P.size);
   cairo_set_source_rgb(cr, 0, 0, 0);
   set_font(cr, 20, true);
   static const char axis_name[] = "xyz";
@@ -156,12 +201,7 @@ std::array<double, 2> section_pixel(const SectionsLayout &l, int panel, const Ve
 }
 
 void draw_sections(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l) {
-  cairo_set_source_rgb(cr, 0, 0, 0);
-  set_font(cr, 26, true);
-  draw_text(cr, margin, 18, fit_text(cr, s.title, l.width - 2 * margin));
-  set_font(cr, 17);
-  cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
-  draw_text(cr, margin, 56, fit_text(cr, s.subtitle, l.width - 2 * margin));
+  draw_heading(cr, margin, 18, l.width - 2 * margin, s.title, s.subtitle);
   for (int i = 0; i < 3; i++) draw_panel(cr, s, l, i);
 
   // Legend: surfaces, then the marks.

@@ -23,6 +23,7 @@ struct DipoleSections {
   std::vector<Mesh> surfaces;       // outermost first
   std::vector<std::string> names;   // one per surface
   Vec3 cut;                         // the point all three planes pass through
+  size_t focus = 0;                 // the fitted dipole at `cut`
   std::vector<SectionDipole> fitted;
   std::vector<SectionDipole> truths;
   std::string title, subtitle;

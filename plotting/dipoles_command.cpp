@@ -59,9 +59,7 @@ std::string triple(const Vec3 &v) {
 }  // namespace
 
 DipoleSections sections_from_command_line(int argc, char **argv, std::string &out) {
-  ParsedArgs args = parse_args(argc, argv, 1, options);
-  if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
-  set_quiet(args.has("quiet"));
+  ParsedArgs args = picture_args(argc, argv, options);
   out = output_path(args);
   std::string head = required(args, "head"), fit_path = required(args, "fit");
   std::vector<HeadSurface> surfaces = head_surfaces(head);
@@ -100,7 +98,8 @@ DipoleSections sections_from_command_line(int argc, char **argv, std::string &ou
     if (!sd.empty()) line += "  SD " + triple(sd[i].position);
     s.notes.push_back(line);
   }
-  s.cut = fit[(size_t)k - 1].position;
+  s.focus = (size_t)k - 1;
+  s.cut = fit[s.focus].position;
   std::string files = "head " + base_name(head) + ", fit " + base_name(fit_path);
   if (!sd_path.empty()) files += ", SD " + base_name(sd_path);
   if (auto truth_path = args.get("truth")) {
@@ -126,14 +125,11 @@ DipoleSections sections_from_command_line(int argc, char **argv, std::string &ou
 }
 
 int plot_dipoles(int argc, char **argv) {
-  if (wants_help(argc, argv)) {
-    fputs(help, stdout);
-    return 0;
-  }
+  if (wants_help(argc, argv)) return show_help(help);
   std::string out;
   DipoleSections s = sections_from_command_line(argc, argv, out);
   SectionsLayout layout = sections_layout(s);
-  write_picture(parse_args(argc, argv, 1, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
+  write_picture(picture_args(argc, argv, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
   note("brelix-plot dipoles: wrote " + out);
   return 0;
 }

@@ -50,13 +50,8 @@ const std::vector<OptionSpec> options = {{"head", true},   {"electrodes", true},
 }  // namespace
 
 int plot_head(int argc, char **argv) {
-  if (wants_help(argc, argv)) {
-    fputs(help, stdout);
-    return 0;
-  }
-  ParsedArgs args = parse_args(argc, argv, 1, options);
-  if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
-  set_quiet(args.has("quiet"));
+  if (wants_help(argc, argv)) return show_help(help);
+  ParsedArgs args = picture_args(argc, argv, options);
   std::string out = output_path(args);
   HeadPicture h;
   if (auto v = args.get("view")) {

@@ -208,12 +208,7 @@ std::array<double, 2> head_pixel(const HeadLayout &l, int cell, const Vec3 &p) {
 }
 
 void draw_head(cairo_t *cr, const HeadPicture &h, const HeadLayout &l) {
-  cairo_set_source_rgb(cr, 0, 0, 0);
-  set_font(cr, 26, true);
-  draw_text(cr, 30, 18, fit_text(cr, h.title, l.width - 60));
-  set_font(cr, 17);
-  cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
-  draw_text(cr, 30, 56, fit_text(cr, h.subtitle, l.width - 60));
+  draw_heading(cr, 30, 18, l.width - 60, h.title, h.subtitle);
   std::vector<Normals> normals;
   for (const Mesh &m : h.surfaces) normals.push_back(normals_of(m));
   double vmax = 0;

@@ -1,10 +1,12 @@
 #include "plotting/inputs.h"
 
 #include <cmath>
+#include <cstdio>
 #include <numeric>
 #include <sys/stat.h>
 
 #include "cli/failure.h"
+#include "cli/progress.h"
 #include "plotting/figure.h"
 #include "plotting/text.h"
 #include "surface/head_dir.h"
@@ -12,6 +14,18 @@
 std::string base_name(const std::string &path) {
   size_t slash = path.find_last_of('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+int show_help(const char *help) {
+  fputs(help, stdout);
+  return 0;
+}
+
+ParsedArgs picture_args(int argc, char **argv, const std::vector<OptionSpec> &options) {
+  ParsedArgs args = parse_args(argc, argv, 1, options);
+  if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
+  set_quiet(args.has("quiet"));
+  return args;
 }
 
 std::string required(const ParsedArgs &args, const std::string &name) {

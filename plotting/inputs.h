@@ -16,6 +16,15 @@
 // The file name without its folders, for titles.
 std::string base_name(const std::string &path);
 
+// Print a command's help text on standard output; returns 0, the status
+// of a run that asked for it.
+int show_help(const char *help);
+
+// The command line of a picture command (argv[0] is the command's name)
+// parsed against `options`: a usage error for any positional argument;
+// --quiet applied.
+ParsedArgs picture_args(int argc, char **argv, const std::vector<OptionSpec> &options);
+
 // The value of a required option; a usage error names it when missing.
 std::string required(const ParsedArgs &args, const std::string &name);
 

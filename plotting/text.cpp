@@ -36,6 +36,29 @@ std::string fit_text(cairo_t *cr, const std::string &text, double width) {
   return "...";
 }
 
+namespace {
+
+// Largest font size from `size` down to `smallest` at which `text` fits
+// `width`; the text is shortened at its start when even that is too wide.
+std::string fit_line(cairo_t *cr, const std::string &text, double width, double size, double smallest, bool bold) {
+  for (; size > smallest; size -= 1) {
+    set_font(cr, size, bold);
+    if (text_width(cr, text) <= width) return text;
+  }
+  set_font(cr, smallest, bold);
+  return fit_text(cr, text, width);
+}
+
+}  // namespace
+
+void draw_heading(cairo_t *cr, double x, double y, double width, const std::string &title,
+                  const std::string &subtitle) {
+  cairo_set_source_rgb(cr, 0, 0, 0);
+  draw_text(cr, x, y, fit_line(cr, title, width, 26, 15, true));
+  cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
+  draw_text(cr, x, y + 38, fit_line(cr, subtitle, width, 17, 12, false));
+}
+
 std::string format_number(double value, int digits) {
   if (value == 0) return "0";
   char buf[64];

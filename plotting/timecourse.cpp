@@ -128,12 +128,7 @@ int timecourse_width() { return width; }
 int timecourse_height(const Timecourse &t) { return top + panel_h * (int)std::max<size_t>(1, t.dipoles.size()) + 50; }
 
 void draw_timecourse(cairo_t *cr, const Timecourse &t) {
-  cairo_set_source_rgb(cr, 0, 0, 0);
-  set_font(cr, 26, true);
-  draw_text(cr, 30, 18, fit_text(cr, t.title, width - 60));
-  set_font(cr, 17);
-  cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
-  draw_text(cr, 30, 56, fit_text(cr, t.subtitle, width - 60));
+  draw_heading(cr, 30, 18, width - 60, t.title, t.subtitle);
   double biggest = 0;
   for (const auto &d : t.dipoles)
     for (const auto &tc : d.traces)

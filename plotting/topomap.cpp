@@ -185,7 +185,8 @@ TopomapLayout topomap_layout(const Topomap &t) {
   l.radius_px = map_radius;
   int n = std::max<int>(1, (int)t.panels.size());
   double panel = 2 * map_radius + panel_gap;
-  l.width = (int)(40 + n * panel + bar_width);
+  // A single map keeps room for the title beside it.
+  l.width = (int)std::max(40 + n * panel + bar_width, 700.0);
   l.height = (int)(top_margin + 2 * map_radius + 120);
   for (int i = 0; i < n; i++) l.centres.push_back({40 + panel_gap / 2 + map_radius + i * panel, top_margin + 50 + map_radius});
   return l;
@@ -202,12 +203,7 @@ double topomap_range(const Topomap &t, const TopomapLayout &layout) { return ran
 void draw_topomap(cairo_t *cr, const Topomap &t, const TopomapLayout &layout) {
   Sampled s = sample_maps(t, layout);
   double vmax = range_of(t, s);
-  cairo_set_source_rgb(cr, 0, 0, 0);
-  set_font(cr, 26, true);
-  draw_text(cr, 30, 18, fit_text(cr, t.title, layout.width - 60));
-  set_font(cr, 17);
-  cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
-  draw_text(cr, 30, 56, fit_text(cr, t.subtitle, layout.width - 60));
+  draw_heading(cr, 30, 18, layout.width - 60, t.title, t.subtitle);
 
   for (size_t p = 0; p < t.panels.size(); p++) {
     double cx = layout.centres[p][0], cy = layout.centres[p][1], r = layout.radius_px;
@@ -241,7 +237,7 @@ void draw_topomap(cairo_t *cr, const Topomap &t, const TopomapLayout &layout) {
                                   format_number(*t.relative_difference, 3));
   }
   ScaledUnit unit = scale_unit(vmax, t.unit);
-  double bx = layout.width - bar_width + 20, by = layout.centres[0][1] - layout.radius_px + 10;
+  double bx = layout.centres.back()[0] + layout.radius_px + panel_gap / 2 + 30, by = layout.centres[0][1] - layout.radius_px + 10;
   draw_colour_bar(cr, bx, by, 24, 2 * layout.radius_px - 20, -vmax, vmax,
                   [](double f) { return diverging_colour(2 * f - 1); }, unit, "potential");
 }

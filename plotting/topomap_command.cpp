@@ -68,9 +68,7 @@ std::vector<double> referenced(const MatrixFile &m, int sample) {
 }  // namespace
 
 Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
-  ParsedArgs args = parse_args(argc, argv, 1, options);
-  if (!args.positional.empty()) usage_fail("unexpected argument '" + args.positional[0] + "'");
-  set_quiet(args.has("quiet"));
+  ParsedArgs args = picture_args(argc, argv, options);
   out = output_path(args);
   std::string elc = required(args, "electrodes"), data_path = required(args, "data");
   PlacedElectrodes el = place_electrodes(elc, head_of_electrodes(args, elc));
@@ -131,14 +129,11 @@ Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
 }
 
 int plot_topomap(int argc, char **argv) {
-  if (wants_help(argc, argv)) {
-    fputs(help, stdout);
-    return 0;
-  }
+  if (wants_help(argc, argv)) return show_help(help);
   std::string out;
   Topomap t = topomap_from_command_line(argc, argv, out);
   TopomapLayout layout = topomap_layout(t);
-  write_picture(parse_args(argc, argv, 1, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
+  write_picture(picture_args(argc, argv, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
   note("brelix-plot topomap: wrote " + out);
   return 0;
 }
