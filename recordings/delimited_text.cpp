@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "cli/failure.h"
+#include "surface/file_bytes.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ bool parse_field(std::string_view f, double &v) {
 }  // namespace
 
 TextTable read_text_table(const std::string &path, bool with_header) {
-  std::string text = read_whole_file(path);
+  std::string text = read_file_bytes(path);
   TextTable t;
   char sep = 0;
   bool header_pending = with_header;

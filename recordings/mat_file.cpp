@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "cli/failure.h"
+#include "surface/file_bytes.h"
 
 namespace {
 
@@ -156,6 +157,6 @@ void write_mat(FILE *fp, const std::string &near, const NumericArray &a, const s
   }
   if (!ok)
     fail(near, "", "cannot write the MATLAB file" + (last_matio_message.empty() ? "" : " (" + last_matio_message + ")"));
-  std::string bytes = read_whole_file(tmp);
+  std::string bytes = read_file_bytes(tmp);
   fwrite(bytes.data(), 1, bytes.size(), fp);
 }

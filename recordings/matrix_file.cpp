@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "cli/failure.h"
+#include "surface/file_bytes.h"
 #include "geometry/checkasc.h"
 #include "matrixio/matrix.h"
 
@@ -96,7 +97,7 @@ void write_matrix(FILE *fp, const NumericArray &a, const std::string &tail) {
 }
 
 NumericArray read_matrix(const std::string &path, std::string *tail) {
-  std::string data = read_whole_file(path);
+  std::string data = read_file_bytes(path);
   FILE *f = fopen(path.c_str(), "rb");
   bool text = f && check_asci(f) && !data.empty();
   if (f) fclose(f);

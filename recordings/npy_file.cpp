@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "cli/failure.h"
+#include "surface/file_bytes.h"
 
 namespace {
 
@@ -100,7 +101,7 @@ bool host_big_endian() {
 }  // namespace
 
 NumericArray read_npy(const std::string &path) {
-  std::string data = read_whole_file(path);
+  std::string data = read_file_bytes(path);
   if (data.size() < MAGIC_LEN + 4 || data.compare(0, MAGIC_LEN, MAGIC) != 0)
     fail(path, "", "is not a NumPy .npy file (no \\x93NUMPY at its start)");
   int major = (unsigned char)data[6];

@@ -1,10 +1,8 @@
 #include "recordings/numeric_array.h"
 
-#include <cerrno>
+#include <cctype>
 #include <cstdio>
-#include <cstring>
 
-#include "cli/failure.h"
 
 NumericArray transposed(const NumericArray &a) {
   NumericArray t;
@@ -14,20 +12,6 @@ NumericArray transposed(const NumericArray &a) {
   for (long r = 0; r < a.rows; r++)
     for (long c = 0; c < a.cols; c++) t.values[(size_t)(c * a.rows + r)] = a.at(r, c);
   return t;
-}
-
-std::string read_whole_file(const std::string &path) {
-  FILE *f = fopen(path.c_str(), "rb");
-  if (!f) fail(path, "", std::string("cannot open: ") + strerror(errno));
-  std::string data;
-  char buf[1 << 16];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) data.append(buf, n);
-  bool bad = ferror(f);
-  int err = errno;
-  fclose(f);
-  if (bad) fail(path, "", std::string("cannot read: ") + strerror(err));
-  return data;
 }
 
 std::string lower_suffix(const std::string &path) {

@@ -15,10 +15,6 @@ struct NumericArray {
 // The same numbers with rows and columns exchanged.
 NumericArray transposed(const NumericArray &a);
 
-// The whole contents of `path` (InputError naming the file and the system's
-// reason when it cannot be read).
-std::string read_whole_file(const std::string &path);
-
 // True when the file `path` can be read and begins with `prefix`.
 bool file_starts_with(const std::string &path, const std::string &prefix);
 
