@@ -13,6 +13,7 @@
 #include "plotting/dipoles_command.h"
 #include "plotting/figure.h"
 #include "plotting/matrix_file.h"
+#include "plotting/position_file.h"
 #include "plotting/spherical_spline.h"
 #include "plotting/topomap_command.h"
 #include "tests/support/files.h"
@@ -211,6 +212,29 @@ TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
   } catch (const InputError &e) {
     EXPECT_NE(std::string(e.what()).find("short.mat: byte 8"), std::string::npos) << e.what();
   }
+}
+
+TEST(PlotPositionFile, ConstraintLinesDecideTheMomentRowsOfEachSource) {
+  TempDir dir;
+  const struct {
+    const char *constraints;
+    std::vector<int> rows;
+  } cases[] = {
+      {"", {3, 3, 3}},
+      {"1 position stationary\n# a comment\n2 p st o st\n", {3, 1, 3}},
+      {"2 orientation=stationary\n3 symmetric to 2\n", {3, 1, 1}},
+      {"1 o st\n2 position symmetric to 1\n", {1, 3, 3}},
+      {"3 orientation:stationary orientation free\n", {3, 3, 3}},
+  };
+  for (const auto &c : cases) {
+    write_file(dir.file("s.pos"), std::string("3\n1 1 2 3\n2 -1 2 3 90.0 45.5\n3 0 0 1\n") + c.constraints);
+    std::vector<SourcePosition> s = read_position_file(dir.file("s.pos"));
+    EXPECT_EQ(moment_rows(s), c.rows) << c.constraints;
+    ASSERT_TRUE(s[1].angles) << c.constraints;
+    EXPECT_EQ((*s[1].angles)[1], 45.5);
+  }
+  write_file(dir.file("bad.pos"), "2\n1 0 0 0\n2 0 0 1\n3 position moving\n");
+  EXPECT_THROW(read_position_file(dir.file("bad.pos")), InputError);
 }
 
 }  // namespace
