@@ -38,6 +38,7 @@ const char *help =
     "  --dipole K          the fitted dipole the sections pass through (default 1)\n"
     "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
+    "  -q, --quiet         no note on standard error when it is written\n"
     "\n"
     "example:\n"
     "  brelix-plot dipoles --head head --fit fit.pos --moments fit.mat \\\n"

@@ -37,6 +37,7 @@ const char *help =
     "  --no-labels         electrodes without their labels\n"
     "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
+    "  -q, --quiet         no note on standard error when it is written\n"
     "\n"
     "example:\n"
     "  brelix-plot head --head head --electrodes electrodes.elc -o head.png\n"

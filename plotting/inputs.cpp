@@ -43,7 +43,7 @@ std::string output_path(const ParsedArgs &args) {
 void write_picture(const ParsedArgs &args, const std::string &out, int width, int height, const DrawFunction &draw) {
   double scale = 1;
   if (auto w = args.number("width")) {
-    if (!(*w >= 200 && *w <= 10000)) usage_fail("--width: give 200 to 10000 pixels");
+    if (!(*w >= 200 && *w <= 6000)) usage_fail("--width: give 200 to 6000 pixels");
     scale = *w / width;
   }
   write_figure(out, width, height, draw, scale);

@@ -33,7 +33,7 @@ std::string required(const ParsedArgs &args, const std::string &name);
 std::string output_path(const ParsedArgs &args);
 
 // Write the figure of size width x height to `out`, scaled to --width
-// pixels when given (a usage error unless 200..10000).
+// pixels when given (a usage error unless 200..6000).
 void write_picture(const ParsedArgs &args, const std::string &out, int width, int height, const DrawFunction &draw);
 
 // The head an electrode file belongs to: --head when given, else the

@@ -33,8 +33,9 @@ const char *help =
     "                       when the row count is not a multiple of three)\n"
     "  --unit U             unit of the moments (default A·m; SI prefixes are\n"
     "                       chosen to suit the values)\n"
-    "  --width PX          width of the picture in pixels (everything scales)\n"
+    "  --width PX           width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT     the picture: .png, .svg or .pdf\n"
+    "  -q, --quiet          no note on standard error when it is written\n"
     "\n"
     "example:\n"
     "  brelix-plot timecourse --fit fit.mat --sources fit.pos -o moments.png\n";

@@ -44,6 +44,7 @@ const char *help =
     "  --no-labels         electrode dots without their labels\n"
     "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
+    "  -q, --quiet         no note on standard error when it is written\n"
     "\n"
     "example:\n"
     "  brelix-plot topomap --electrodes electrodes.elc --head scalp.tri \\\n"
