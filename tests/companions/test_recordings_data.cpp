@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 
@@ -201,6 +202,10 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
   std::string whole = read_file(edf);
   write_file(dir.file("header_cut.edf"), whole.substr(0, 600));
   write_file(dir.file("data_cut.edf"), whole.substr(0, whole.size() - 300));
+  // Headers and files that BioSig itself would crash on.
+  write_file(dir.file("date.edf"), std::string(whole).replace(88, 17, "Startdate 2      "));
+  std::string bv = write_bv(dir, false);
+  std::remove(dir.file("bvi.eeg").c_str());
   write_file(dir.file("o1.elc"), "2\n1 0.1 0.1 !Cz\n2 0.1 0.1 !O1\n");
   write_file(dir.file("twice.elc"), "2\n1 0.1 0.1 !T3\n2 0.1 0.1 !t7\n");
   struct Case {
@@ -210,7 +215,9 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
   };
   const Case cases[] = {
       {dir.file("none.edf"), {}, "none.edf: cannot open"},
-      {dir.file("header_cut.edf"), {}, "header_cut.edf: header: cannot be read as a recording"},
+      {dir.file("header_cut.edf"), {}, "header_cut.edf: header: cut short"},
+      {dir.file("date.edf"), {}, "date.edf: header: the start date '2' of the recording field is neither dd-MMM-yyyy nor X"},
+      {bv, {}, "bvi.vhdr: its data file cannot be opened"},
       {dir.file("data_cut.edf"), {}, "data_cut.edf: data: cut short"},
       {edf, {"--electrodes", dir.file("o1.elc")}, "has no channel for electrode O1"},
       {edf, {"--electrodes", dir.file("twice.elc")}, "electrodes T3 and t7 name the same place"},
