@@ -47,11 +47,20 @@ class Values {
   }
   bool ascii() const { return ascii_; }
   std::string place() const { return ascii_ ? tokens_.place() : bytes_.place(); }
+  size_t byte_offset() const { return bytes_.offset(); }
   size_t remaining() const { return ascii_ ? tokens_.remaining() : bytes_.remaining(); }
 
-  double scalar(Type t, const std::string &what) {
-    if (ascii_) return tokens_.number(what);
-    bytes_.need((size_t)TYPE_SIZE[t], what);
+  // One value; `what` (called only on failure) says which, for the message.
+  template <class What>
+  double scalar(Type t, What &&what) {
+    if (ascii_) {
+      std::string_view tok = tokens_.next(), rest = tok;
+      double v;
+      if (!scan_double(rest, v) || !rest.empty())
+        tokens_.fail_here(tok.empty() ? "file ends before " + what() : "\"" + std::string(tok) + "\" is not a number (" + what() + ")");
+      return v;
+    }
+    if (bytes_.remaining() < (size_t)TYPE_SIZE[t]) bytes_.need((size_t)TYPE_SIZE[t], what());
     switch (t) {
       case INT8: return (int8_t)bytes_.u8();
       case UINT8: return bytes_.u8();
@@ -158,11 +167,11 @@ ImportedSurface read_ply(std::string_view data, const std::string &file) {
       out.reserve((size_t)nv, 0);
     }
     for (long long r = 0; r < e.count; r++) {
-      std::string place = in.ascii() ? "" : in.place();
+      size_t at = in.byte_offset();
       double xyz[3] = {0, 0, 0};
       for (size_t k = 0; k < e.props.size(); k++) {
         const Property &p = e.props[k];
-        std::string what = e.name + " " + std::to_string(r + 1) + " " + p.name;
+        auto what = [&] { return e.name + " " + std::to_string(r + 1) + " " + p.name; };
         if (p.count_type == NO_TYPE) {
           double v = in.scalar(p.type, what);
           if (!is_vertex) continue;
@@ -171,17 +180,18 @@ ImportedSurface read_ply(std::string_view data, const std::string &file) {
           if ((int)k == iz) xyz[2] = v;
           continue;
         }
-        double n = in.scalar(p.count_type, what + " count");
-        if (!(n >= 0 && n <= MAX_CORNERS)) fail(file, in.place(), what + " has a list of " + std::to_string((long long)n) + " entries");
+        double n = in.scalar(p.count_type, [&] { return what() + " count"; });
+        if (!(n >= 0 && n <= MAX_CORNERS)) fail(file, in.place(), what() + " has a list of " + std::to_string((long long)n) + " entries");
         if ((int)k == ilist && is_face) idx.clear();
         for (long long j = 0; j < (long long)n; j++) {
           double v = in.scalar(p.type, what);
           if ((int)k == ilist && is_face) idx.push_back(whole_index(v));
         }
       }
-      if (in.ascii()) place = in.place();
-      if (is_vertex) out.vertex_at(xyz[0], xyz[1], xyz[2], [&] { return place; });
-      if (is_face) out.face_at(idx.data(), (int)idx.size(), nv, ++faces, 0, [&] { return place; });
+      // A text row is the line just read; a binary one starts at `at`.
+      auto place = [&] { return in.ascii() ? in.place() : "byte " + std::to_string(at); };
+      if (is_vertex) out.vertex_at(xyz[0], xyz[1], xyz[2], place);
+      if (is_face) out.face_at(idx.data(), (int)idx.size(), nv, ++faces, 0, place);
     }
   }
   if (nv < 0) fail(file, "header", "no vertex element");

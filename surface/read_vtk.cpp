@@ -23,6 +23,8 @@ class Values {
 
   TokenScan &tokens() { return tokens_; }
   std::string place() const { return binary_ ? bytes_.place() : tokens_.place(); }
+  // Where the value just read was.
+  std::string last_place() const { return binary_ ? "byte " + std::to_string(bytes_.offset() - size_) : tokens_.place(); }
   // Where the last keyword was read: line numbers mean nothing after binary
   // blocks, so binary files get a byte offset.
   std::string keyword_place() const { return binary_ ? "byte " + std::to_string(tokens_.offset()) : tokens_.place(); }
@@ -43,9 +45,9 @@ class Values {
       bytes_.seek(tokens_.offset());
     }
   }
-  double value(const std::string &what) {
+  double value(std::string_view what) {
     if (!binary_) return floating_ ? tokens_.number(what) : (double)tokens_.integer(what);
-    bytes_.need((size_t)size_, what);
+    if (bytes_.remaining() < (size_t)size_) bytes_.need((size_t)size_, std::string(what));
     if (floating_) return size_ == 4 ? (double)bytes_.f32() : bytes_.f64();
     return size_ == 4 ? (double)bytes_.i32() : (double)bytes_.get<int64_t>();
   }
@@ -69,10 +71,10 @@ struct Cells {
 };
 
 // Integer values of a cell section, checked to be whole numbers.
-long long whole(Values &in, const std::string &what) {
-  std::string place = in.place();
+long long whole(Values &in, const std::string &section, const char *what) {
   double v = in.value(what);
-  if (!(v >= -1e15 && v <= 1e15) || v != std::floor(v)) fail(in.tokens().file(), place, what + " is not a whole number");
+  if (!(v >= -1e15 && v <= 1e15) || v != std::floor(v))
+    fail(in.tokens().file(), in.last_place(), section + " " + what + " is not a whole number");
   return (long long)v;
 }
 
@@ -85,12 +87,12 @@ Cells read_cells(Values &in, const std::string &section) {
   if (t.next() == "OFFSETS") {
     std::string type(t.next());
     in.begin(n, type, section + " offsets");
-    for (long long k = 0; k < n; k++) c.offsets.push_back(whole(in, section + " offset"));
+    for (long long k = 0; k < n; k++) c.offsets.push_back(whole(in, section, "offset"));
     in.end();
     if (t.next() != "CONNECTIVITY") t.fail_here("expected CONNECTIVITY");
     type = std::string(t.next());
     in.begin(size, type, section + " connectivity");
-    for (long long k = 0; k < size; k++) c.flat.push_back(whole(in, section + " connectivity"));
+    for (long long k = 0; k < size; k++) c.flat.push_back(whole(in, section, "connectivity"));
     in.end();
     if (!c.offsets.empty() && c.offsets.front() != 0) t.fail_here(section + " offsets do not start at 0");
     for (size_t k = 1; k < c.offsets.size(); k++)
@@ -103,10 +105,10 @@ Cells read_cells(Values &in, const std::string &section) {
   in.begin(size, "int", section);
   c.offsets.push_back(0);
   for (long long k = 0; k < n; k++) {
-    long long m = whole(in, section + " corner count");
+    long long m = whole(in, section, "corner count");
     if (m < 0 || m > MAX_CORNERS || (long long)c.flat.size() + 1 + m > size)
       t.fail_here(section + " cell " + std::to_string(k + 1) + " has a corner count beyond the size");
-    for (long long j = 0; j < m; j++) c.flat.push_back(whole(in, section + " corner"));
+    for (long long j = 0; j < m; j++) c.flat.push_back(whole(in, section, "corner"));
     c.offsets.push_back((long long)c.flat.size());
   }
   in.end();
@@ -136,9 +138,8 @@ ImportedSurface read_vtk(std::string_view data, const std::string &file) {
       in.begin(3 * nv, type, "point");
       out.reserve((size_t)nv, 0);
       for (long long i = 0; i < nv; i++) {
-        std::string what = "point " + std::to_string(i + 1);
-        double x = in.value(what), y = in.value(what), z = in.value(what);
-        out.vertex_at(x, y, z, [&] { return in.place(); });
+        double x = in.value("point coordinates"), y = in.value("point coordinates"), z = in.value("point coordinates");
+        out.vertex_at(x, y, z, [&] { return in.last_place(); });
       }
       in.end();
     } else if (key == "POLYGONS" || key == "TRIANGLE_STRIPS" || key == "VERTICES" || key == "LINES") {

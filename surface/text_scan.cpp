@@ -104,21 +104,21 @@ std::string_view TokenScan::next() {
   return data_.substr(start, pos_ - start);
 }
 
-double TokenScan::number(const std::string &what) {
+double TokenScan::number(std::string_view what) {
   std::string_view t = next();
   double v;
   std::string_view rest = t;
-  if (t.empty()) fail_here("file ends before " + what);
-  if (!scan_double(rest, v) || !rest.empty()) fail_here("\"" + std::string(t) + "\" is not a number (" + what + ")");
+  if (t.empty()) fail_here("file ends before " + std::string(what));
+  if (!scan_double(rest, v) || !rest.empty()) fail_here("\"" + std::string(t) + "\" is not a number (" + std::string(what) + ")");
   return v;
 }
 
-long long TokenScan::integer(const std::string &what) {
+long long TokenScan::integer(std::string_view what) {
   std::string_view t = next();
   long long v;
   std::string_view rest = t;
-  if (t.empty()) fail_here("file ends before " + what);
-  if (!scan_long(rest, v) || !rest.empty()) fail_here("\"" + std::string(t) + "\" is not an integer (" + what + ")");
+  if (t.empty()) fail_here("file ends before " + std::string(what));
+  if (!scan_long(rest, v) || !rest.empty()) fail_here("\"" + std::string(t) + "\" is not an integer (" + std::string(what) + ")");
   return v;
 }
 

@@ -61,8 +61,8 @@ class TokenScan {
   std::string_view next();
   // The next token as a number; throws naming `what` when it is missing or
   // not a number.
-  double number(const std::string &what);
-  long long integer(const std::string &what);
+  double number(std::string_view what);
+  long long integer(std::string_view what);
   // Skip to the start of the next line (after binary data follows a
   // keyword line).
   void skip_line();
