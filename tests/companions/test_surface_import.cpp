@@ -208,6 +208,13 @@ const Format FORMATS[] = {
                     fmt("- %zu %zu %zu\n", m.dhk.size(), m.dhk.size(), m.dhk.size()),
                     [](auto &t) { return fmt("%d %d %d\n", t[0] + 1, t[1] + 1, t[2] + 1); });
      }},
+    // Some writers count the triangle block's vertices from 0.
+    {"head_n0.tri", "text .tri with normals",
+     [](const TriMesh &m) {
+       return lines(m, fmt("- %zu\n", m.pnt.size()), [](auto &p) { return xyz(p) + " 0 0 1\n"; },
+                    fmt("- %zu %zu %zu\n", m.dhk.size(), m.dhk.size(), m.dhk.size()),
+                    [](auto &t) { return fmt("%d %d %d\n", t[0], t[1], t[2]); });
+     }},
 };
 
 std::string refusal(const std::string &path) {
@@ -269,6 +276,11 @@ TEST(SurfaceImport, PolygonsAreSplitAsFans) {
     EXPECT_EQ(s.mesh.triangles[0], (Tri{0, 3, 2})) << name;
     EXPECT_EQ(s.mesh.triangles[1], (Tri{0, 2, 1})) << name;
   }
+  // Triangle strips alternate their corners so that all keep one side out.
+  write_file(dir.file("strip.vtk"), "# vtk DataFile Version 3.0\ns\nASCII\nDATASET POLYDATA\nPOINTS 5 float\n" + std::string(cube_v, 30) +
+                                        "TRIANGLE_STRIPS 1 6\n5 0 1 2 3 4\n");
+  ImportedSurface s = read_surface(dir.file("strip.vtk"));
+  EXPECT_EQ(s.mesh.triangles, (std::vector<Tri>{{0, 1, 2}, {2, 1, 3}, {2, 3, 4}}));
 }
 
 TEST(SurfaceImport, BrokenFilesNameFilePlaceAndFault) {
