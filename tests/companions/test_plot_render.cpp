@@ -12,6 +12,7 @@
 #include "plotting/dense_solve.h"
 #include "plotting/dipoles_command.h"
 #include "plotting/figure.h"
+#include "plotting/head_view.h"
 #include "plotting/matrix_file.h"
 #include "plotting/position_file.h"
 #include "plotting/spherical_spline.h"
@@ -174,6 +175,56 @@ TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
   }
 }
 
+TEST(PlotHead, ScalpColoursAndElectrodesFaceTheRightWayInEachView) {
+  TriMesh t = icosphere(2, 1.0);
+  HeadPicture h;
+  h.surfaces.resize(1);
+  for (auto &p : t.pnt) h.surfaces[0].vertices.push_back({p[0], p[1], p[2]});
+  for (auto &d : t.dhk) h.surfaces[0].triangles.push_back({d[0], d[1], d[2]});
+  std::vector<double> v;
+  for (const Vec3 &p : h.surfaces[0].vertices) v.push_back(p[0]);  // the subject's right positive
+  h.scalp_potential = v;
+  // One electrode on the face, one on the back of the head away from the
+  // line of sight through the first.
+  for (const Vec3 &p : h.surfaces[0].vertices)
+    if (p[1] > 0.8 && h.electrodes.empty()) h.electrodes.push_back(p);
+  for (const Vec3 &p : h.surfaces[0].vertices)
+    if (p[1] < -0.8 && std::hypot(p[0] - h.electrodes[0][0], p[2] - h.electrodes[0][2]) > 0.2 &&
+        h.electrodes.size() == 1)
+      h.electrodes.push_back(p);
+  ASSERT_EQ(h.electrodes.size(), 2u);
+  h.show_labels = false;
+  h.views = {"top", "front", "left", "right"};
+  HeadLayout l = head_layout(h);
+  Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_head(cr, h, l); }));
+  // Where the subject's right appears, as a viewer sees it: on the right
+  // from above, on the left from the front; only one side from the sides.
+  const struct {
+    const char *view;
+    double right_side;  // sign of the picture's x at which +x potentials show
+  } cases[] = {{"top", 1}, {"front", -1}, {"left", 0}, {"right", 0}};
+  for (size_t c = 0; c < 4; c++) {
+    const auto &cell = l.cells[c];
+    ASSERT_EQ(cell.view, cases[c].view);
+    double off = 0.5 * l.scale;  // half the sphere's radius, in pixels
+    if (cases[c].right_side != 0) {
+      EXPECT_GT(map_position(img.at((int)(cell.cx + cases[c].right_side * off), (int)cell.cy)), 0.2) << cell.view;
+      EXPECT_LT(map_position(img.at((int)(cell.cx - cases[c].right_side * off), (int)cell.cy)), -0.2) << cell.view;
+    } else {
+      double sign = cell.view == std::string("right") ? 1 : -1;
+      EXPECT_GT(sign * map_position(img.at((int)cell.cx, (int)cell.cy)), 0.5) << cell.view;
+    }
+  }
+  // From the front the face electrode shows as a dark dot; the one on the
+  // back of the head does not show through.
+  auto dark = [&](std::array<double, 2> p) {
+    auto c = img.at((int)p[0], (int)p[1]);
+    return c[0] < 60 && c[1] < 60 && c[2] < 60;
+  };
+  EXPECT_TRUE(dark(head_pixel(l, 1, h.electrodes[0])));
+  EXPECT_FALSE(dark(head_pixel(l, 1, h.electrodes[1])));
+}
+
 TEST(PlotSpline, PassesThroughTheElectrodesAndKeepsAConstant) {
   TriMesh m = icosphere(1, 1.0);
   std::vector<Vec3> dirs;
@@ -206,11 +257,24 @@ TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
     EXPECT_EQ(sample_frequency(m).value_or(0), 250) << name;
   }
   write_matrix(dir.file("short.mat"), 3, 2, {1, 2, 3}, "");
-  try {
-    read_matrix_file(dir.file("short.mat"));
-    ADD_FAILURE() << "a file shorter than its counts was read";
-  } catch (const InputError &e) {
-    EXPECT_NE(std::string(e.what()).find("short.mat: byte 8"), std::string::npos) << e.what();
+  write_matrix(dir.file("nan.mat"), 1, 2, {1, NAN}, "");
+  write_matrix(dir.file("negative.mat"), -2, 3, {}, "");
+  write_file(dir.file("word.mat"), "2 1\n1.5\nx\n");
+  write_file(dir.file("empty.mat"), "");
+  const struct {
+    const char *name, *message;
+  } bad[] = {{"short.mat", "short.mat: byte 8: 3 x 2 values announced"},
+             {"nan.mat", "nan.mat: row 1, column 2: the value is not a finite number"},
+             {"negative.mat", "negative.mat: byte 0"},
+             {"word.mat", "word.mat: value 2: missing or not a number"},
+             {"empty.mat", "empty.mat: line 1: empty file"}};
+  for (const auto &b : bad) {
+    try {
+      read_matrix_file(dir.file(b.name));
+      ADD_FAILURE() << b.name << " was read";
+    } catch (const InputError &e) {
+      EXPECT_NE(std::string(e.what()).find(b.message), std::string::npos) << e.what();
+    }
   }
 }
 
