@@ -17,7 +17,6 @@
 
 #include "geometry/solangle.h"
 #include "geometry/solangle_batch.h"
-#include "numeric/indexed_sums.h"
 #include "numeric/nrutils.h"
 #include "numeric/parallel.h"
 
@@ -270,12 +269,11 @@ struct RowResult {
   double sum = 0.0;  // off-diagonal ROW_MADE: the row's sum over the block
 };
 
-// Per-thread work space.
+// Per-thread work space, for up to ANGLE_SUMS_MAX_POINTS rows at once.
 struct RowScratch {
-  int *ring = nullptr;    // [0..nj-1] neighbours of the row's vertex (diagonal)
-  double *len = nullptr;  // [0..nj-1] distances of the vertices of j from the row's vertex
-  double *w = nullptr;    // [0..3 ndhk] weight of corner m of triangle t at m ndhk + t, then a zero
-  int *events = nullptr;  // [0..ndhk-1] triangles that are not simply far
+  int *rings = nullptr;   // [0 .. MAX nj - 1] neighbours of each row's vertex (diagonal), nj apiece
+  double *len = nullptr;  // [0 .. MAX nj - 1] distances, for angle_sums
+  float *acc = nullptr;   // [0 .. MAX nj - 1] sums, for angle_sums
 };
 
 struct Block {
@@ -284,117 +282,102 @@ struct Block {
   const Interface *gi, *gj;
   const double *pj;    // vertices of j in double, three per vertex
   SurfaceLanes lanes;  // the surface j laid out for the vector kernels
-  IndexedSums sums;    // corner weights into row entries, in triangle order
 };
 
-// The plan that adds the corner weights of j's triangles into the row
-// entries of their vertices, in the order of the triangles and, within a
-// triangle, of its corners: the order in which the plain code adds them.
-bool make_corner_sums(IndexedSums *sums, const Interface &g) {
-  const int nterms = 3 * g.ndhk;
-  int *target = ivector(0, nterms > 0 ? nterms - 1 : 0), *index = ivector(0, nterms > 0 ? nterms - 1 : 0);
-  bool ok = target && index;
-  if (ok) {
-    for (int t = 0; t < g.ndhk; t++)
-      for (int m = 0; m < 3; m++) {
-        target[3 * t + m] = g.dhk[t][m];
-        index[3 * t + m] = m * g.ndhk + t;
-      }
-    ok = indexed_sums_make(sums, g.npnt, nterms, target, index, nterms);
+// The pairs of a group of rows that are not simply far, treated exactly as
+// the plain code treats them: the own triangles of the row's vertex (no
+// angle; they make its ring), coincident and double vertices, points on a
+// triangle (which end the row), near triangles (solangle's full weights).
+class RowPairs : public NearPairs {
+ public:
+  RowPairs(const Block &bk, int k0, int n, RowScratch &s, RowResult *res) : bk_(bk), k0_(k0), res_(res) {
+    for (int p = 0; p < n; p++) {
+      const float *xk = bk.gi->pnt[k0 + p];
+      for (int c = 0; c < 3; c++) x[p][c] = xk[c];
+      ring[p].v = s.rings + p * bk.nj;
+      ring[p].capacity = bk.nj;
+      res[p] = RowResult();
+    }
   }
-  if (target) ifree_vector(target, 0, nterms > 0 ? nterms - 1 : 0);
-  if (index) ifree_vector(index, 0, nterms > 0 ? nterms - 1 : 0);
-  return ok;
-}
 
-// Row k of block bk into b (the block's columns only), with the scratch s
-// of the calling thread.  Never prints and never ends the process: a fault
-// is reported in the result for the caller to raise in row order.
-//
-// The far triangles, nearly all of them, get their weights from the vector
-// kernel; the rest are treated here one by one in triangle order exactly as
-// the plain code treats them (own triangles of the vertex, coincident and
-// double vertices, points on a triangle, near triangles); then the weights
-// are added into the row in the plain code's order.
-void make_row(const Block &bk, int k, RowScratch &s, RowResult &res) {
-  const Interface &gj = *bk.gj;
-  const int nj = bk.nj, cj = bk.cj, ndhk = gj.ndhk;
-  const int r = bk.ri + k;
-  float *row = b[r];
-  res = RowResult();
-
-  const float *xk = bk.gi->pnt[k];
-  const double x[3] = {xk[0], xk[1], xk[2]};
-  vertex_lengths(bk.lanes, x, s.len);
-  const int nev = far_triangle_weights(bk.lanes, x, s.len, FAR_TRIANGLE, INV_TWO_PI, s.w, ndhk, s.events);
-
-  Ring ring;
-  ring.v = s.ring;
-  ring.capacity = nj;
-  for (int e = 0; e < nev; e++) {
-    const int t = s.events[e];
-    const int32_t *tri = gj.dhk[t];
-    double *wt[3] = {&s.w[t], &s.w[ndhk + t], &s.w[2 * ndhk + t]};
-    if (bk.diagonal) {
-      // The triangles around the vertex itself carry no solid angle;
-      // they describe its neighbourhood for the own-vertex term.
-      const int p = tri[0] == k ? 0 : tri[1] == k ? 1 : tri[2] == k ? 2 : -1;
-      if (p >= 0) {
-        const int v1 = tri[(p + 1) % 3], v2 = tri[(p + 2) % 3];
-        ring.add(v1, v2, &bk.pj[3 * v1], &bk.pj[3 * v2]);
-        *wt[0] = *wt[1] = *wt[2] = 0.0;
-        continue;
+  bool weights(int p, int t, double w[3]) override {
+    const int k = k0_ + p;
+    const int32_t *tri = bk_.gj->dhk[t];
+    if (bk_.diagonal) {
+      const int at = tri[0] == k ? 0 : tri[1] == k ? 1 : tri[2] == k ? 2 : -1;
+      if (at >= 0) {
+        const int v1 = tri[(at + 1) % 3], v2 = tri[(at + 2) % 3];
+        ring[p].add(v1, v2, &bk_.pj[3 * v1], &bk_.pj[3 * v2]);
+        w[0] = w[1] = w[2] = 0.0;
+        return true;
       }
     }
-    double y[3][3];
+    double y[3][3], l[3];
     int zero = -1;
     for (int m = 0; m < 3; m++) {
-      for (int c = 0; c < 3; c++) y[m][c] = bk.pj[3 * tri[m] + c] - x[c];
+      for (int c = 0; c < 3; c++) y[m][c] = bk_.pj[3 * tri[m] + c] - x[p][c];
+      l[m] = solangle_length(y[m]);
       if (zero < 0 && y[m][0] == 0.0 && y[m][1] == 0.0 && y[m][2] == 0.0) zero = m;
     }
     if (zero >= 0) {
-      res.kind = bk.diagonal ? ROW_DOUBLE_VERTEX : ROW_COINCIDENT;
-      res.vertex = tri[zero];
-      return;
+      res_[p].kind = bk_.diagonal ? ROW_DOUBLE_VERTEX : ROW_COINCIDENT;
+      res_[p].vertex = tri[zero];
+      return false;
     }
-    double w1, w2, w3;
-    if (!solangle_lengths(y[0], y[1], y[2], s.len[tri[0]], s.len[tri[1]], s.len[tri[2]], &w1, &w2, &w3,
-                          FAR_TRIANGLE)) {
-      res.kind = ROW_TOUCHES;
-      res.triangle = t;
-      return;
+    if (!solangle_lengths(y[0], y[1], y[2], l[0], l[1], l[2], &w[0], &w[1], &w[2], FAR_TRIANGLE)) {
+      res_[p].kind = ROW_TOUCHES;
+      res_[p].triangle = t;
+      return false;
     }
-    *wt[0] = w1 * INV_TWO_PI;
-    *wt[1] = w2 * INV_TWO_PI;
-    *wt[2] = w3 * INV_TWO_PI;
+    return true;
   }
-  s.w[3 * ndhk] = 0.0;
-  indexed_sums(bk.sums, s.w, &row[cj]);
 
-  if (!bk.diagonal) {
-    res.sum = row_sum(row, cj, nj);
-    return;
+  double x[ANGLE_SUMS_MAX_POINTS][3];
+  Ring ring[ANGLE_SUMS_MAX_POINTS];
+
+ private:
+  const Block &bk_;
+  int k0_;
+  RowResult *res_;
+};
+
+// Rows k0 .. k0+n-1 of block bk into b (the block's columns only), n at
+// most angle_sums_points(), with the scratch s of the calling thread.
+// Never prints and never ends the process: a fault is reported in the
+// results res[0 .. n-1] for the caller to raise in row order.
+void make_rows(const Block &bk, int k0, int n, RowScratch &s, RowResult *res) {
+  const int nj = bk.nj, cj = bk.cj;
+  RowPairs pairs(bk, k0, n, s, res);
+  float *out[ANGLE_SUMS_MAX_POINTS] = {};
+  for (int p = 0; p < n; p++) out[p] = b[bk.ri + k0 + p] + cj;
+  angle_sums(bk.lanes, pairs.x, n, FAR_TRIANGLE, INV_TWO_PI, pairs, out, s.len, s.acc);
+  for (int p = 0; p < n; p++) {
+    if (res[p].kind != ROW_MADE) continue;
+    float *row = b[bk.ri + k0 + p];
+    if (!bk.diagonal) {
+      res[p].sum = row_sum(row, cj, nj);
+    } else if (pairs.ring[p].triangles == 0) {
+      res[p].kind = ROW_NO_TRIANGLE;
+    } else {
+      own_vertex_entry(row, bk.ri + k0 + p, cj, *bk.gj, nj, pairs.ring[p], pairs.x[p]);
+    }
   }
-  if (ring.triangles == 0) {
-    res.kind = ROW_NO_TRIANGLE;
-    return;
-  }
-  own_vertex_entry(row, r, cj, gj, nj, ring, x);
 }
 
-// Rows of one block made by a pool of threads and handed to the caller in
-// row order.  The caller takes part: while the row it waits for is not
-// ready it makes the next row nobody has taken yet.
+// Rows of one block made by a pool of threads, a group of rows at a time
+// (as many as the vector kernels see together), and handed to the caller
+// in row order.  The caller takes part: while the row it waits for is not
+// ready it makes the next group nobody has taken yet.
 class RowPool {
  public:
-  RowPool(const Block &bk, int nthreads) : bk_(bk), results_(bk.ni), ready_(bk.ni, 0) {
+  RowPool(const Block &bk, int nthreads)
+      : bk_(bk), group_(angle_sums_points()), results_(bk.ni), ready_(bk.ni, 0) {
     scratch_.resize(nthreads);
     for (RowScratch &s : scratch_) {
-      s.ring = ivector(0, vertices() - 1);
-      s.len = dvector(0, vertices() - 1);
-      s.w = dvector(0, 3 * bk.gj->ndhk);
-      s.events = ivector(0, triangles() - 1);
-      if (!s.ring || !s.len || !s.w || !s.events) error("cannot allocate vector member");
+      s.rings = ivector(0, space() - 1);
+      s.len = dvector(0, space() - 1);
+      s.acc = vector(0, space() - 1);
+      if (!s.rings || !s.len || !s.acc) error("cannot allocate vector member");
     }
     // A thread the system refuses only means fewer helpers: the caller
     // makes whatever rows nobody else takes.
@@ -414,10 +397,9 @@ class RowPool {
     for (std::thread &w : workers_) w.join();
     workers_.clear();
     for (RowScratch &s : scratch_) {
-      if (s.ring) ifree_vector(s.ring, 0, vertices() - 1);
-      if (s.len) free_dvector(s.len, 0, vertices() - 1);
-      if (s.w) free_dvector(s.w, 0, 3 * bk_.gj->ndhk);
-      if (s.events) ifree_vector(s.events, 0, triangles() - 1);
+      if (s.rings) ifree_vector(s.rings, 0, space() - 1);
+      if (s.len) free_dvector(s.len, 0, space() - 1);
+      if (s.acc) free_vector(s.acc, 0, space() - 1);
       s = RowScratch();
     }
   }
@@ -429,9 +411,9 @@ class RowPool {
         std::lock_guard<std::mutex> lock(mutex_);
         if (ready_[k]) break;
       }
-      const int m = next_.fetch_add(1);
-      if (m < bk_.ni) {
-        make(m, scratch_[0]);
+      const int g = next_.fetch_add(1);
+      if (g * group_ < bk_.ni) {
+        make(g, scratch_[0]);
         continue;
       }
       std::unique_lock<std::mutex> lock(mutex_);
@@ -442,28 +424,29 @@ class RowPool {
   }
 
  private:
-  // Sizes of the work space (at least one entry each).
-  int vertices() const { return bk_.nj > 0 ? bk_.nj : 1; }
-  int triangles() const { return bk_.gj->ndhk > 0 ? bk_.gj->ndhk : 1; }
+  // Entries of each work array (at least one).
+  int space() const { return ANGLE_SUMS_MAX_POINTS * (bk_.nj > 0 ? bk_.nj : 1); }
 
-  void make(int k, RowScratch &s) {
-    make_row(bk_, k, s, results_[k]);
+  void make(int g, RowScratch &s) {
+    const int k0 = g * group_, n = std::min(group_, bk_.ni - k0);
+    make_rows(bk_, k0, n, s, &results_[k0]);
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      ready_[k] = 1;
+      for (int k = k0; k < k0 + n; k++) ready_[k] = 1;
     }
-    made_.notify_one();
+    made_.notify_all();
   }
 
   void work(RowScratch &s) {
     while (!stopping_.load()) {
-      const int k = next_.fetch_add(1);
-      if (k >= bk_.ni) return;
-      make(k, s);
+      const int g = next_.fetch_add(1);
+      if (g * group_ >= bk_.ni) return;
+      make(g, s);
     }
   }
 
   const Block &bk_;
+  const int group_;  // rows made together
   std::vector<RowResult> results_;
   std::vector<char> ready_;  // guarded by mutex_
   std::vector<RowScratch> scratch_;
@@ -497,9 +480,8 @@ void b_submatrix_threaded(int i, int j) {
     if (!pj) error("cannot allocate vector member");
     for (int v = 0; v < nj; v++)
       for (int c = 0; c < 3; c++) pj[3 * v + c] = gj.pnt[v][c];
-    Block bk = {i, j, ri, cj, ni, nj, diagonal, &gi, &gj, pj, SurfaceLanes(), IndexedSums()};
-    if (!surface_lanes_make(&bk.lanes, gj.pnt, nj, gj.dhk, gj.ndhk) || !make_corner_sums(&bk.sums, gj))
-      error("cannot allocate vector member");
+    Block bk = {i, j, ri, cj, ni, nj, diagonal, &gi, &gj, pj, SurfaceLanes()};
+    if (!surface_lanes_make(&bk.lanes, gj.pnt, nj, gj.dhk, gj.ndhk)) error("cannot allocate vector member");
     RowPool pool(bk, std::min(assembly_threads(), ni));
 
     // The walk in row order; a containment found only after coincident
@@ -566,7 +548,6 @@ void b_submatrix_threaded(int i, int j) {
     } while (again);
     pool.stop();
     surface_lanes_free(&bk.lanes);
-    indexed_sums_free(&bk.sums);
     free_dvector(pj, 0, 3 * (nj > 0 ? nj : 1) - 1);
   }
 

@@ -1,6 +1,5 @@
-// Batch kernels of the solid angles, compiled for three instruction-set
-// levels and chosen at run time; the plain C++ level also takes the
-// remainders that do not fill a vector.
+// angle_sums compiled for three instruction-set levels and chosen at run
+// time.
 #include "geometry/solangle_batch.h"
 
 #include <cmath>
@@ -20,7 +19,7 @@ using V = LanesScalar;
 #pragma GCC push_options
 #pragma GCC target("avx2,fma")
 namespace batch_avx2 {
-using V = LanesAvx2;
+using V = LanesAvx2x2;
 #include "numeric/elementary_body.inc"
 #include "geometry/solangle_body.inc"
 #include "geometry/solangle_batch_body.inc"
@@ -43,74 +42,50 @@ using V = LanesAvx512;
 #pragma GCC pop_options
 #endif
 
-namespace {
-
-// Lanes of the level in force.
-int lanes() {
-#if DOUBLE_LANES_X86
-  if (double_simd_level() == 2) return LanesAvx512::W;
-  if (double_simd_level() == 1) return LanesAvx2::W;
-#endif
-  return 1;
-}
-
-}  // namespace
-
 bool surface_lanes_make(SurfaceLanes *s, const float (*pnt)[3], int npnt, const int32_t (*dhk)[3], int ndhk) {
   *s = SurfaceLanes();
-  const size_t np = npnt > 0 ? npnt : 1, nt = ndhk > 0 ? ndhk : 1;
-  bool ok = true;
-  for (int c = 0; c < 3; c++) {
-    s->point[c] = static_cast<float *>(malloc(np * sizeof(float)));
-    s->vertex[c] = static_cast<int *>(malloc(nt * sizeof(int)));
-    ok = ok && s->point[c] && s->vertex[c];
-    for (int m = 0; m < 3; m++) {
-      s->corner[m][c] = static_cast<float *>(malloc(nt * sizeof(float)));
-      ok = ok && s->corner[m][c];
-    }
-  }
-  if (!ok) {
+  s->point = static_cast<double *>(malloc(sizeof(double) * 3 * (npnt > 0 ? npnt : 1)));
+  s->corner = static_cast<double *>(malloc(sizeof(double) * 9 * (ndhk > 0 ? ndhk : 1)));
+  s->vertex = static_cast<int *>(malloc(sizeof(int) * 3 * (ndhk > 0 ? ndhk : 1)));
+  if (!s->point || !s->corner || !s->vertex) {
     surface_lanes_free(s);
     return false;
   }
   s->npnt = npnt;
   s->ndhk = ndhk;
   for (int v = 0; v < npnt; v++)
-    for (int c = 0; c < 3; c++) s->point[c][v] = pnt[v][c];
+    for (int c = 0; c < 3; c++) s->point[3 * v + c] = pnt[v][c];
   for (int t = 0; t < ndhk; t++)
     for (int m = 0; m < 3; m++) {
-      s->vertex[m][t] = dhk[t][m];
-      for (int c = 0; c < 3; c++) s->corner[m][c][t] = pnt[dhk[t][m]][c];
+      s->vertex[3 * t + m] = dhk[t][m];
+      for (int c = 0; c < 3; c++) s->corner[9 * t + 3 * m + c] = pnt[dhk[t][m]][c];
     }
   return true;
 }
 
 void surface_lanes_free(SurfaceLanes *s) {
-  for (int c = 0; c < 3; c++) {
-    free(s->point[c]);
-    free(s->vertex[c]);
-    for (int m = 0; m < 3; m++) free(s->corner[m][c]);
-  }
+  free(s->point);
+  free(s->corner);
+  free(s->vertex);
   *s = SurfaceLanes();
 }
 
-void vertex_lengths(const SurfaceLanes &s, const double x[3], double *len) {
-  const int body = s.npnt / lanes() * lanes();
+int angle_sums_points() {
 #if DOUBLE_LANES_X86
-  if (double_simd_level() == 2) batch_avx512::lengths_range(s, x, len, 0, body);
-  if (double_simd_level() == 1) batch_avx2::lengths_range(s, x, len, 0, body);
+  if (double_simd_level() == 2) return LanesAvx512::W;
+  if (double_simd_level() == 1) return LanesAvx2x2::W;
 #endif
-  batch_portable::lengths_range(s, x, len, double_simd_level() == 0 ? 0 : body, s.npnt);
+  return LanesScalar::W;
 }
 
-int far_triangle_weights(const SurfaceLanes &s, const double x[3], const double *len, double minangle, double scale,
-                         double *w, int stride, int *events) {
-  const int body = s.ndhk / lanes() * lanes();
-  int nev = 0;
+void angle_sums(const SurfaceLanes &s, const double (*x)[3], int npoints, double minangle, double scale,
+                NearPairs &near, float *const *out, double *len, float *acc) {
+  if (npoints <= 0) return;
 #if DOUBLE_LANES_X86
-  if (double_simd_level() == 2) nev = batch_avx512::far_range(s, x, len, minangle, scale, w, stride, events, 0, body);
-  if (double_simd_level() == 1) nev = batch_avx2::far_range(s, x, len, minangle, scale, w, stride, events, 0, body);
+  if (double_simd_level() == 2)
+    return batch_avx512::angle_sums_lanes(s, x, npoints, minangle, scale, near, out, len, acc);
+  if (double_simd_level() == 1)
+    return batch_avx2::angle_sums_lanes(s, x, npoints, minangle, scale, near, out, len, acc);
 #endif
-  const int t0 = double_simd_level() == 0 ? 0 : body;
-  return nev + batch_portable::far_range(s, x, len, minangle, scale, w, stride, events + nev, t0, s.ndhk);
+  batch_portable::angle_sums_lanes(s, x, npoints, minangle, scale, near, out, len, acc);
 }

@@ -1,20 +1,27 @@
-// Solid angles of all triangles of a surface seen from one point, many
-// triangles at once with the vector instructions of the level in force
-// (numeric/double_simd.h).  Every level gives the bits of the plain
-// solangle; the common case of a far triangle (equal split) runs without
-// branches, and whatever else (near triangles, points on a triangle) is
-// listed for the caller to treat one by one with solangle_lengths.
+// Solid-angle weights of every triangle of a surface seen from several
+// points at once, one point per vector lane (as many as the instruction-set
+// level in force takes, numeric/double_simd.h), summed per vertex of the
+// surface: the inner loop of the system-matrix assembly.
+//
+// Every level gives the bits of the plain code (solangle per triangle,
+// "entry = (float)(entry + w * scale)" per corner in triangle order).  A far
+// triangle, seen under less than minangle and not touched by the point,
+// is split equally and runs without branches; the rest (points on a
+// triangle, near triangles) are handed to the caller one by one, in
+// triangle order for each point.
 #pragma once
 
 #include <cstdint>
 
-// One surface laid out for the kernels: structure of arrays, in the single
-// precision of the surface files.
+// Points seen together at most, whatever the level.
+constexpr int ANGLE_SUMS_MAX_POINTS = 8;
+
+// One surface laid out for the kernels.
 struct SurfaceLanes {
   int npnt = 0, ndhk = 0;
-  float *point[3] = {};      // point[c][v]: coordinate c of vertex v
-  float *corner[3][3] = {};  // corner[m][c][t]: coordinate c of corner m of triangle t
-  int *vertex[3] = {};       // vertex[m][t]: vertex number of corner m of triangle t
+  double *point = nullptr;   // [3 npnt]: vertex v at 3 v
+  double *corner = nullptr;  // [9 ndhk]: corner m of triangle t at 9 t + 3 m
+  int *vertex = nullptr;     // [3 ndhk]: vertex number of corner m of triangle t at 3 t + m
 };
 
 // s: on output the layout of the surface with npnt vertices pnt and ndhk
@@ -24,18 +31,26 @@ bool surface_lanes_make(SurfaceLanes *s, const float (*pnt)[3], int npnt, const 
 // Frees what surface_lanes_make allocated; s is left empty.
 void surface_lanes_free(SurfaceLanes *s);
 
-// s: the surface; x: the observation point.
-// len: on output len[v] = solangle_length(vertex v - x) for every vertex.
-void vertex_lengths(const SurfaceLanes &s, const double x[3], double *len);
+// Number of points the level in force sees together.
+int angle_sums_points();
 
-// s, x: as above; len: the lengths from vertex_lengths; minangle: the
-// far-triangle threshold of solangle; scale: a factor for the weights.
-// w: on output, for every triangle t whose point lies off it and whose
-//   solid angle is below minangle in absolute value, w[t], w[stride + t]
-//   and w[2 stride + t] all hold (omega / 3) * scale, the weight solangle
-//   gives each vertex times scale; for the other triangles these entries
-//   are overwritten with unspecified values.  stride >= s.ndhk.
-// events: on output the other triangles, in increasing order.
-// Returns the number of those triangles.
-int far_triangle_weights(const SurfaceLanes &s, const double x[3], const double *len, double minangle, double scale,
-                         double *w, int stride, int *events);
+// The caller's treatment of a (point, triangle) pair that is not simply far.
+class NearPairs {
+ public:
+  virtual ~NearPairs() = default;
+  // point: which of the points; t: the triangle.  Returns true with w[0..2]
+  // the weights of the triangle's corners (not yet scaled), or false to
+  // give the point up: its sums are then unspecified, and no more of its
+  // pairs are handed over.
+  virtual bool weights(int point, int t, double w[3]) = 0;
+};
+
+// s: the surface; x[0 .. npoints-1]: the points (npoints at most
+// angle_sums_points()); minangle: the far-triangle threshold of solangle;
+// scale: the factor of every weight; near: treats the other pairs.
+// len, acc: work space of ANGLE_SUMS_MAX_POINTS * s.npnt entries each.
+// out: on output out[p][v] holds, for every point p not given up, the sum
+//   over the triangles (in order) of the scaled weights of their corners
+//   at vertex v, accumulated in float from +0.
+void angle_sums(const SurfaceLanes &s, const double (*x)[3], int npoints, double minangle, double scale,
+                NearPairs &near, float *const *out, double *len, float *acc);

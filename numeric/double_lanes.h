@@ -32,7 +32,7 @@ struct LanesScalar {
   static T load(const double *p) { return *p; }
   static T loadf(const float *p) { return (double)*p; }
   static void store(double *p, T a) { *p = a; }
-  static T gather(const double *base, const int *idx) { return base[*idx]; }
+  static void storef(float *p, T a) { *p = (float)a; }
   static T add(T a, T b) { return a + b; }
   static T sub(T a, T b) { return a - b; }
   static T mul(T a, T b) { return a * b; }
@@ -77,12 +77,7 @@ struct LanesAvx2 {
   static T load(const double *p) { return _mm256_loadu_pd(p); }
   static T loadf(const float *p) { return _mm256_cvtps_pd(_mm_loadu_ps(p)); }
   static void store(double *p, T a) { _mm256_storeu_pd(p, a); }
-  static T gather(const double *base, const int *idx) {
-    // The masked form: the plain one starts from an undefined register,
-    // which GCC 12 reports as uninitialised.
-    return _mm256_mask_i32gather_pd(_mm256_setzero_pd(), base, _mm_loadu_si128(reinterpret_cast<const __m128i *>(idx)),
-                                    _mm256_castsi256_pd(_mm256_set1_epi64x(-1)), 8);
-  }
+  static void storef(float *p, T a) { _mm_storeu_ps(p, _mm256_cvtpd_ps(a)); }
   static T add(T a, T b) { return _mm256_add_pd(a, b); }
   static T sub(T a, T b) { return _mm256_sub_pd(a, b); }
   static T mul(T a, T b) { return _mm256_mul_pd(a, b); }
@@ -125,6 +120,53 @@ struct LanesAvx2 {
     return _mm256_castsi256_pd(_mm256_or_si256(m, _mm256_set1_epi64x(0x3ff0000000000000ll)));
   }
 };
+
+// Two vectors of B side by side, operated on alike: twice the lanes, and
+// two independent chains of dependent operations for the processor to
+// overlap where one alone would leave it waiting for results.
+template <class B>
+struct LanesTwice {
+  struct T {
+    typename B::T lo, hi;
+  };
+  struct M {
+    typename B::M lo, hi;
+  };
+  static constexpr int W = 2 * B::W;
+  static T set1(double a) { return {B::set1(a), B::set1(a)}; }
+  static T load(const double *p) { return {B::load(p), B::load(p + B::W)}; }
+  static T loadf(const float *p) { return {B::loadf(p), B::loadf(p + B::W)}; }
+  static void store(double *p, T a) { B::store(p, a.lo), B::store(p + B::W, a.hi); }
+  static void storef(float *p, T a) { B::storef(p, a.lo), B::storef(p + B::W, a.hi); }
+  static T add(T a, T b) { return {B::add(a.lo, b.lo), B::add(a.hi, b.hi)}; }
+  static T sub(T a, T b) { return {B::sub(a.lo, b.lo), B::sub(a.hi, b.hi)}; }
+  static T mul(T a, T b) { return {B::mul(a.lo, b.lo), B::mul(a.hi, b.hi)}; }
+  static T div(T a, T b) { return {B::div(a.lo, b.lo), B::div(a.hi, b.hi)}; }
+  static T fma(T a, T b, T c) { return {B::fma(a.lo, b.lo, c.lo), B::fma(a.hi, b.hi, c.hi)}; }
+  static T sqrt(T a) { return {B::sqrt(a.lo), B::sqrt(a.hi)}; }
+  static T abs(T a) { return {B::abs(a.lo), B::abs(a.hi)}; }
+  static T max(T a, T b) { return {B::max(a.lo, b.lo), B::max(a.hi, b.hi)}; }
+  static T min(T a, T b) { return {B::min(a.lo, b.lo), B::min(a.hi, b.hi)}; }
+  static T copysign(T a, T b) { return {B::copysign(a.lo, b.lo), B::copysign(a.hi, b.hi)}; }
+  static M lt(T a, T b) { return {B::lt(a.lo, b.lo), B::lt(a.hi, b.hi)}; }
+  static M le(T a, T b) { return {B::le(a.lo, b.lo), B::le(a.hi, b.hi)}; }
+  static M gt(T a, T b) { return {B::gt(a.lo, b.lo), B::gt(a.hi, b.hi)}; }
+  static M eq(T a, T b) { return {B::eq(a.lo, b.lo), B::eq(a.hi, b.hi)}; }
+  static M unord(T a, T b) { return {B::unord(a.lo, b.lo), B::unord(a.hi, b.hi)}; }
+  static M signbit(T a) { return {B::signbit(a.lo), B::signbit(a.hi)}; }
+  static M mand(M a, M b) { return {B::mand(a.lo, b.lo), B::mand(a.hi, b.hi)}; }
+  static M mor(M a, M b) { return {B::mor(a.lo, b.lo), B::mor(a.hi, b.hi)}; }
+  static M mxor(M a, M b) { return {B::mxor(a.lo, b.lo), B::mxor(a.hi, b.hi)}; }
+  static M mnot(M a) { return {B::mnot(a.lo), B::mnot(a.hi)}; }
+  static T select(M m, T a, T b) { return {B::select(m.lo, a.lo, b.lo), B::select(m.hi, a.hi, b.hi)}; }
+  static T flip(T a, M m) { return {B::flip(a.lo, m.lo), B::flip(a.hi, m.hi)}; }
+  static unsigned bits(M m) { return B::bits(m.lo) | B::bits(m.hi) << B::W; }
+  static T exponent_field(T a) { return {B::exponent_field(a.lo), B::exponent_field(a.hi)}; }
+  static T significand(T a) { return {B::significand(a.lo), B::significand(a.hi)}; }
+};
+
+// Eight doubles as two vectors of four.
+using LanesAvx2x2 = LanesTwice<LanesAvx2>;
 #pragma GCC pop_options
 
 // GCC 12's AVX-512 intrinsics start many results from an undefined register
@@ -141,10 +183,7 @@ struct LanesAvx512 {
   static T load(const double *p) { return _mm512_loadu_pd(p); }
   static T loadf(const float *p) { return _mm512_cvtps_pd(_mm256_loadu_ps(p)); }
   static void store(double *p, T a) { _mm512_storeu_pd(p, a); }
-  static T gather(const double *base, const int *idx) {
-    return _mm512_mask_i32gather_pd(_mm512_setzero_pd(), 0xff, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(idx)),
-                                    base, 8);
-  }
+  static void storef(float *p, T a) { _mm256_storeu_ps(p, _mm512_cvtpd_ps(a)); }
   static T add(T a, T b) { return _mm512_add_pd(a, b); }
   static T sub(T a, T b) { return _mm512_sub_pd(a, b); }
   static T mul(T a, T b) { return _mm512_mul_pd(a, b); }
