@@ -1,0 +1,215 @@
+// brelix-prep head on broken heads: each defect of a catalogue is refused
+// with its own message, naming the surface that has it and a spot within a
+// few millimetres of it, and nothing is written; the clean head and the
+// defects that are repaired by default pass.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <regex>
+
+#include "tests/support/files.h"
+#include "tests/support/process.h"
+#include "tools/headshape.h"
+
+namespace {
+
+using Point = std::array<float, 3>;
+
+double distance(const Point &a, const std::array<double, 3> &b) {
+  return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]);
+}
+
+Point add(const Point &p, const Point &d, double s) {
+  return {float(p[0] + s * d[0]), float(p[1] + s * d[1]), float(p[2] + s * d[2])};
+}
+
+// Outward unit direction at a vertex of a head surface: the surfaces are
+// star-shaped about the origin, so the ray from it is close enough.
+Point outward(const Point &p) {
+  const double n = std::hypot(p[0], p[1], p[2]);
+  return {float(p[0] / n), float(p[1] / n), float(p[2] / n)};
+}
+
+// The triangles around vertex v.
+std::vector<int> fan(const TriMesh &m, int v) {
+  std::vector<int> f;
+  for (size_t t = 0; t < m.dhk.size(); t++)
+    for (int c : m.dhk[t])
+      if (c == v) f.push_back((int)t);
+  return f;
+}
+
+// The first spot a message gives in metres.
+std::optional<std::array<double, 3>> spot_in(const std::string &message) {
+  std::smatch m;
+  if (!std::regex_search(message, m, std::regex("in the file, \\(([-0-9.]+), ([-0-9.]+), ([-0-9.]+)\\) m")))
+    return std::nullopt;
+  return std::array<double, 3>{std::stod(m[1]), std::stod(m[2]), std::stod(m[3])};
+}
+
+const char *const layer_file[HEAD_LAYERS] = {"scalp.tri", "skull.tri", "brain.tri"};
+const int V = 100;  // the vertex where the defects are made (front, below the middle)
+
+struct Defect {
+  std::string name;
+  HeadLayer layer;                         // the surface that has it
+  std::vector<std::string> options;        // beyond the files and -o
+  std::function<Point(TriMesh &)> make;    // breaks the mesh, returns the defect's spot (metres)
+  std::string message;                     // what the refusal says
+  double tolerance_mm;
+};
+
+const std::vector<Defect> &catalogue() {
+  static const std::vector<Defect> defects = {
+      {"hole", HEAD_SKULL, {},
+       [](TriMesh &m) {
+         const std::vector<int> around = fan(m, V);
+         for (auto it = around.rbegin(); it != around.rend(); ++it) m.dhk.erase(m.dhk.begin() + *it);
+         return m.pnt[V];
+       },
+       "not closed: 1 hole", 3},
+      {"flipped patch", HEAD_SKULL, {"--no-orient"},
+       [](TriMesh &m) {
+         for (int t : fan(m, V)) std::swap(m.dhk[t][1], m.dhk[t][2]);
+         return m.pnt[V];
+       },
+       "inconsistent orientation: 6 triangles turn the other way", 1},
+      {"self-intersection", HEAD_BRAIN, {},
+       [](TriMesh &m) {
+         // Pull the vertex through the head until it pokes 3 mm out of the far side.
+         int far = 0;
+         for (size_t w = 0; w < m.pnt.size(); w++)
+           if (distance(m.pnt[w], {-m.pnt[V][0], -m.pnt[V][1], -m.pnt[V][2]}) <
+               distance(m.pnt[far], {-m.pnt[V][0], -m.pnt[V][1], -m.pnt[V][2]}))
+             far = (int)w;
+         m.pnt[V] = add(m.pnt[far], outward(m.pnt[far]), 0.003);
+         return m.pnt[far];
+       },
+       "the surface intersects itself", 4},
+      {"surfaces crossing", HEAD_SKULL, {},
+       [](TriMesh &m) {
+         m.pnt[V] = add(m.pnt[V], outward(m.pnt[V]), 0.012);
+         return add(m.pnt[V], outward(m.pnt[V]), -0.005);  // about where it passes the scalp
+       },
+       "crosses the surface outside it, ", 5},
+      {"surfaces 0.5 mm apart", HEAD_SKULL, {},
+       [](TriMesh &m) {
+         // Vertex numbers share their directions across the surfaces: put the
+         // skull's just 0.5 mm inside the scalp's.
+         const Point s = head_layer(3, HEAD_SCALP).pnt[V];
+         m.pnt[V] = add(s, outward(s), -0.0005);
+         return m.pnt[V];
+       },
+       "come 0.", 3},
+      {"non-manifold edge", HEAD_SKULL, {},
+       [](TriMesh &m) {
+         // A fin on edge V-w: a third triangle through it, to a vertex further away.
+         const auto &t = m.dhk[fan(m, V)[0]];
+         const int w = t[0] == V ? t[1] : t[0];
+         int far = 0;
+         for (size_t u = 0; u < m.pnt.size(); u++)
+           if (distance(m.pnt[u], {m.pnt[V][0], m.pnt[V][1], m.pnt[V][2]}) > 0.02 &&
+               distance(m.pnt[u], {m.pnt[V][0], m.pnt[V][1], m.pnt[V][2]}) < 0.03)
+             far = (int)u;
+         m.dhk.push_back({V, w, far});
+         return Point{(m.pnt[V][0] + m.pnt[w][0]) / 2, (m.pnt[V][1] + m.pnt[w][1]) / 2,
+                      (m.pnt[V][2] + m.pnt[w][2]) / 2};
+       },
+       "non-manifold edge", 1},
+      {"duplicate vertices", HEAD_SKULL, {"--no-weld"},
+       [](TriMesh &m) {
+         m.pnt.push_back(m.pnt[V]);
+         for (int c = 0; c < 3; c++)
+           if (m.dhk[fan(m, V)[0]][c] == V) m.dhk[fan(m, V)[0]][c] = (int)m.pnt.size() - 1;
+         return m.pnt[V];
+       },
+       "duplicate vertices at", 1},
+  };
+  return defects;
+}
+
+struct HeadFiles {
+  TempDir dir;
+  std::vector<std::string> files;
+  // The head at 642 vertices a surface, in metres, with `broken` applied.
+  explicit HeadFiles(const std::function<void(int, TriMesh &)> &broken = nullptr) {
+    for (int k = 0; k < HEAD_LAYERS; k++) {
+      TriMesh m = head_layer(3, (HeadLayer)k);
+      if (broken) broken(k, m);
+      EXPECT_TRUE(write_trimesh(dir.file(layer_file[k]), m, false));
+      files.push_back(layer_file[k]);
+    }
+  }
+  ProcResult run(std::vector<std::string> options) const {
+    std::vector<std::string> args{"head"};
+    args.insert(args.end(), files.begin(), files.end());
+    args.insert(args.end(), {"-o", "out", "--quiet"});
+    args.insert(args.end(), options.begin(), options.end());
+    return run_process(BRELIX_PREP_EXE, args, "", dir.path());
+  }
+};
+
+TEST(HeadCatalogue, EachDefectRefusedWhereItIs) {
+  for (const Defect &d : catalogue()) {
+    Point spot{};
+    const HeadFiles head([&](int k, TriMesh &m) {
+      if (k == d.layer) spot = d.make(m);
+    });
+    const ProcResult r = head.run(d.options);
+    EXPECT_EQ(r.status, 2) << d.name << ": " << r.err;
+    EXPECT_EQ(r.err.rfind(std::string("brelix-prep head: ") + layer_file[d.layer] + ": ", 0), 0u) << d.name << ": " << r.err;
+    EXPECT_NE(r.err.find(d.message), std::string::npos) << d.name << ": " << r.err;
+    const auto where = spot_in(r.err);
+    ASSERT_TRUE(where) << d.name << ": " << r.err;
+    EXPECT_LT(distance(spot, *where) * 1000, d.tolerance_mm) << d.name << ": " << r.err;
+    EXPECT_FALSE(file_exists(head.dir.file("out"))) << d.name;
+  }
+}
+
+TEST(HeadCatalogue, CleanHeadPassesAndRepairsGiveTheCleanResult) {
+  const HeadFiles clean;
+  const ProcResult r = clean.run({});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(read_file(clean.dir.file("out/geometry.ans")),
+            "out/1_scalp.tri\n0.33\nout/2_skull.tri\n0.0042\n!out/3_brain.tri\n0.33\n\n");
+  const std::string report = read_file(clean.dir.file("out/report.txt"));
+  EXPECT_NE(report.find("units: m "), std::string::npos) << report;
+  EXPECT_NE(report.find("checks passed"), std::string::npos) << report;
+  // The head has 7 mm between its surfaces along the axes, less elsewhere.
+  std::smatch gap;
+  ASSERT_TRUE(std::regex_search(report, gap, std::regex("1_scalp.tri - 2_skull.tri: ([0-9.]+) mm")));
+  EXPECT_GT(std::stod(gap[1]), 2.0);
+  EXPECT_LE(std::stod(gap[1]), 7.0);
+
+  // Flipped patches and duplicate vertices are repaired by default, to the
+  // very same files.
+  for (const Defect &d : catalogue()) {
+    if (d.options.empty()) continue;
+    const HeadFiles head([&](int k, TriMesh &m) {
+      if (k == d.layer) d.make(m);
+    });
+    const ProcResult fixed = head.run({});
+    ASSERT_EQ(fixed.status, 0) << d.name << ": " << fixed.err;
+    for (const char *f : {"1_scalp.tri", "2_skull.tri", "3_brain.tri"})
+      EXPECT_EQ(read_file(head.dir.file(std::string("out/") + f)), read_file(clean.dir.file(std::string("out/") + f)))
+          << d.name << " " << f;
+    const std::string fixed_report = read_file(head.dir.file("out/report.txt"));
+    EXPECT_TRUE(fixed_report.find("6 triangles flipped to agree") != std::string::npos ||
+                fixed_report.find("1 duplicate vertices welded") != std::string::npos)
+        << d.name << "\n" << fixed_report;
+  }
+}
+
+TEST(HeadCatalogue, ReaderRefusalReachesTheUser) {
+  HeadFiles head;
+  // A binary triangle file cut in the middle of its vertices.
+  write_file(head.dir.file("brain.tri"), std::string("\x80\x02\x00\x00", 4) + std::string(100, '\0'));
+  const ProcResult r = head.run({});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err.rfind("brelix-prep head: brain.tri: ", 0), 0u) << r.err;
+  EXPECT_FALSE(file_exists(head.dir.file("out")));
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+// Remeshing keeps a surface's shape and gives well-shaped triangles; gap
+// fixing and hole filling leave surfaces that pass every check.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "headmodel/cgal_checks.h"
+#include "headmodel/mesh_quality.h"
+#include "headmodel/surface_pairs.h"
+#include "headmodel/surface_prep.h"
+#include "tools/headshape.h"
+
+namespace {
+
+Mesh head_mesh(int level, HeadLayer layer) {
+  const TriMesh t = head_layer(level, layer);
+  Mesh m;
+  for (const auto &p : t.pnt) m.vertices.push_back({p[0], p[1], p[2]});
+  for (const auto &f : t.dhk) m.triangles.push_back({f[0], f[1], f[2]});
+  return m;
+}
+
+const SurfaceName name{"test.tri", {}};
+
+TEST(HeadRemesh, FineSurfaceToTargetKeepsVolumeAndAngles) {
+  const struct {
+    int level;
+    RemeshTarget target;
+    long low, high;  // accepted vertex counts
+  } cases[] = {
+      {5, {642, 0}, 610, 675},      // 10242 vertices down to 642: decimation, then remeshing
+      {3, {0, 0.006}, 1500, 4000},  // 642 vertices refined to 6 mm edges
+  };
+  for (const auto &c : cases) {
+    Mesh m = head_mesh(c.level, HEAD_SCALP);
+    const MeshQuality before = measure_mesh(m);
+    remesh_surface(m, c.target);
+    const MeshQuality after = measure_mesh(m);
+    EXPECT_GE((long)m.vertices.size(), c.low) << c.level;
+    EXPECT_LE((long)m.vertices.size(), c.high) << c.level;
+    EXPECT_NEAR(after.volume / before.volume, 1.0, 0.01) << c.level;
+    EXPECT_GT(after.min_angle_deg, 20.0) << c.level;
+    EXPECT_LT(signed_volume(m), 0) << "orientation kept, level " << c.level;
+    // Still one closed, clean surface.
+    EXPECT_NO_THROW(prepare_surface(m, name, RepairChoices{true, false, false})) << c.level;
+  }
+}
+
+TEST(HeadRemesh, FixGapMovesInnerSurfaceClearOfOuter) {
+  const Mesh outer = head_mesh(3, HEAD_SCALP);
+  for (double push : {0.0065, 0.012}) {  // 0.5 mm close; crossing by 5 mm
+    Mesh inner = head_mesh(3, HEAD_SKULL);
+    for (int v : {100, 200, 300}) {
+      Vec3 &p = inner.vertices[v];
+      const double r = std::hypot(p[0], p[1], p[2]);
+      for (double &x : p) x *= 1 + push / r;
+    }
+    const GapFix fix = fix_gap(outer, inner, 0.002);
+    EXPECT_GT(fix.vertices_moved, 0) << push;
+    EXPECT_GE(smallest_gap(outer, inner).distance, 0.002) << push;
+    EXPECT_FALSE(find_surface_contact(outer, inner)) << push;
+    EXPECT_FALSE(find_self_intersection(inner)) << push;
+    // Only the neighbourhood of the three vertices moves.
+    EXPECT_LT(fix.vertices_moved, 150) << push;
+  }
+}
+
+TEST(HeadRemesh, FilledHoleClosesTheSurfaceInShape) {
+  Mesh m = head_mesh(3, HEAD_SKULL);
+  const double volume = measure_mesh(m).volume;
+  std::vector<Tri> kept;
+  for (const Tri &t : m.triangles)
+    if (t[0] != 100 && t[1] != 100 && t[2] != 100 && t[0] != 200 && t[1] != 200 && t[2] != 200) kept.push_back(t);
+  m.triangles = kept;
+  const SurfaceLog log = prepare_surface(m, name, RepairChoices{true, true, true});
+  EXPECT_EQ(log.holes.holes, 2);
+  EXPECT_TRUE(log.holes.all_closed);
+  EXPECT_TRUE(boundary_loops(m).empty());
+  EXPECT_NEAR(measure_mesh(m).volume / volume, 1.0, 0.01);
+}
+
+}  // namespace
