@@ -1,6 +1,7 @@
 #include "recordings/mat_file.h"
 
 #include <matio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +22,11 @@ void quiet_matio() {
   static bool done = false;
   if (!done) Mat_LogInitFunc("brelix-prep", keep_message);
   done = true;
+}
+
+long long file_bytes(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? (long long)st.st_size : 0;
 }
 
 struct FileCloser {
@@ -93,8 +99,18 @@ bool looks_like_mat_file(const std::string &path) { return file_starts_with(path
 NumericArray read_mat_variable(const std::string &path, const std::string &name) {
   MatFile m = open_mat(path);
   std::string wanted = name.empty() ? only_variable(path, m.get()) : name;
+  MatVar info(Mat_VarReadInfo(m.get(), wanted.c_str()));
+  if (!info) fail(path, "", "holds no variable '" + wanted + "'");
+  // matio allocates what the dimensions say before it finds the data
+  // missing; no stream compressed by zlib shrinks below 1/1032 of its size.
+  if (info->rank == 2 && info->dims) {
+    double bytes = (double)info->dims[0] * (double)info->dims[1] * (info->data_size > 0 ? info->data_size : 1);
+    if (bytes > 1032.0 * (double)file_bytes(path) + 4096)
+      fail(path, "variable " + wanted, "its dimensions " + std::to_string(info->dims[0]) + " x " +
+                                           std::to_string(info->dims[1]) + " need more data than the file holds");
+  }
   MatVar v(Mat_VarRead(m.get(), wanted.c_str()));
-  if (!v) fail(path, "", "holds no variable '" + wanted + "'");
+  if (!v) fail(path, "variable " + wanted, "cannot be read");
   if (!usable(v.get()) || !v->dims)
     fail(path, "variable " + wanted, "is not a real two-dimensional numeric array");
   if (!known_type(v->data_type) || (!v->data && v->dims[0] * v->dims[1] > 0))
