@@ -25,19 +25,34 @@ namespace {
 // vertices electrodes, storing to `name`.
 std::string store_answers(const std::string &sphere, const std::string &sigma) { return sphere + "\n" + sigma + "\n\n\n"; }
 
-// Entries of `dir` that are temporaries of a result; *bytes (when given)
+// Entries of `dir` whose names contain `part`; *bytes (when given)
 // receives their total size.
-int temporaries_in(const std::string &dir, uintmax_t *bytes = nullptr) {
+int entries_in(const std::string &dir, const std::string &part, uintmax_t *bytes = nullptr) {
   int n = 0;
   if (bytes) *bytes = 0;
   std::error_code gone;  // a temporary may be renamed while it is looked at
   for (const auto &e : std::filesystem::directory_iterator(dir))
-    if (e.path().filename().string().find(".tmp") != std::string::npos) {
+    if (e.path().filename().string().find(part) != std::string::npos) {
       n++;
       const uintmax_t size = std::filesystem::file_size(e.path(), gone);
       if (bytes && !gone) *bytes += size;
     }
   return n;
+}
+
+// Temporaries of results in `dir`.
+int temporaries_in(const std::string &dir, uintmax_t *bytes = nullptr) { return entries_in(dir, ".tmp", bytes); }
+
+// Wait until the files of `dir` whose names contain `part` hold more than
+// `least` bytes, or the process `pid` ends (then *status is set).  True when
+// they do and the process still runs.
+bool wait_for_bytes(const std::string &dir, const std::string &part, pid_t pid, int *status, uintmax_t least = 0) {
+  uintmax_t bytes = 0;
+  while (entries_in(dir, part, &bytes) == 0 || bytes <= least) {
+    if (waitpid(pid, status, WNOHANG) == pid) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  return true;
 }
 
 // Start brelix in `cwd` with `args`, its answers from the file `answers`,
@@ -59,16 +74,16 @@ pid_t start_brelix(const std::string &cwd, const std::vector<std::string> &args,
 // matrix is being written: the earlier file stays, no temporary is left.
 TEST(Safety, ASignalDuringTheStoreKeepsTheOldFileAndLeavesNoTemporary) {
   TempDir dir, io;
-  // Three shells of 642 vertices: the system takes long enough to be
-  // stopped before its file is complete, and the matrix (15 MB) to be
-  // stopped while it is written.
-  write_sphere(dir, "in.tri", 3, 0.087), write_sphere(dir, "mid.tri", 3, 0.092), write_sphere(dir, "out.tri", 3, 0.1);
-  write_file(io.file("answers"), "in.tri\n1\nmid.tri\n0.0125\nout.tri\n1\n\n\n");
+  // Two shells of 642 vertices: the system takes long enough to be stopped
+  // before its file is complete, and the matrix (6.6 MB) to be stopped
+  // while it is written.
+  write_sphere(dir, "in.tri", 3, 0.09), write_sphere(dir, "out.tri", 3, 0.1);
+  write_file(io.file("answers"), "in.tri\n0.0125\nout.tri\n1\n\n\n");
   const std::string old(1000, 'x');
   const struct {
     int sig;
     bool writing;  // wait until the temporary holds bytes
-  } cases[] = {{SIGTERM, true}, {SIGINT, true}, {SIGHUP, false}, {SIGTERM, false}};
+  } cases[] = {{SIGTERM, true}, {SIGINT, true}, {SIGHUP, false}};
   for (const auto &c : cases) {
     SCOPED_TRACE(std::to_string(c.sig) + (c.writing ? " while writing" : " while computing"));
     write_file(dir.file("head.ama"), old);
@@ -78,11 +93,13 @@ TEST(Safety, ASignalDuringTheStoreKeepsTheOldFileAndLeavesNoTemporary) {
       const pid_t pid = start_brelix(dir.path(), {"-i", "head.ama"}, io.file("answers"));
       ASSERT_GT(pid, 0);
       int status = 0;
-      uintmax_t bytes = 0;
       pid_t ended = 0;
-      while ((temporaries_in(dir.path(), &bytes) == 0 || (c.writing && bytes == 0)) &&
-             (ended = waitpid(pid, &status, WNOHANG)) == 0)
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
+      if (c.writing) {
+        if (!wait_for_bytes(dir.path(), ".tmp", pid, &status)) ended = pid;
+      } else {
+        while (temporaries_in(dir.path()) == 0 && (ended = waitpid(pid, &status, WNOHANG)) == 0)
+          std::this_thread::sleep_for(std::chrono::microseconds(100));
+      }
       if (ended == pid) {
         write_file(dir.file("head.ama"), old);
         continue;
@@ -98,26 +115,39 @@ TEST(Safety, ASignalDuringTheStoreKeepsTheOldFileAndLeavesNoTemporary) {
   }
 }
 
-// Two runs with different models store to one name at once: the file is
-// exactly one of the two complete results.
+// Two runs with different models store to one name at once, the first one
+// held up in the middle of its write while the second writes all of its
+// file: the file is exactly one of the two complete results.
 TEST(Safety, TwoRunsStoringToOneNameLeaveOneCompleteFile) {
-  TempDir dir;
-  write_sphere(dir, "s.tri", 2, 0.1);
-  const std::string answers[2] = {store_answers("s.tri", "1"), store_answers("s.tri", "0.33")};
-  ProcResult r[2];
+  TempDir dir, io;
+  write_sphere(dir, "s.tri", 3, 0.1);  // 642 vertices: 1.6 MB to store
+  const std::string answers[2] = {io.file("first"), io.file("second")};
+  write_file(answers[0], store_answers("s.tri", "1"));
+  write_file(answers[1], store_answers("s.tri", "0.33"));
+  std::string alone[2];
   for (int k = 0; k < 2; k++) {
-    r[k] = run_brelix(dir.path(), {"-i", "alone" + std::to_string(k) + ".ama"}, answers[k]);
-    ASSERT_EQ(r[k].status, 0) << r[k].err;
+    const ProcResult r = run_brelix(dir.path(), {"-i", "alone.ama"}, read_file(answers[k]));
+    ASSERT_EQ(r.status, 0) << r.err;
+    alone[k] = read_file(dir.file("alone.ama"));
   }
-  std::thread other([&] { r[1] = run_brelix(dir.path(), {"-i", "shared.ama"}, answers[1]); });
-  r[0] = run_brelix(dir.path(), {"-i", "shared.ama"}, answers[0]);
-  other.join();
-  EXPECT_EQ(r[0].status, 0);
-  EXPECT_EQ(r[1].status, 0);
-  const std::string shared = read_file(dir.file("shared.ama")), a = read_file(dir.file("alone0.ama")),
-                    b = read_file(dir.file("alone1.ama"));
-  EXPECT_NE(a, b);
-  EXPECT_TRUE(shared == a || shared == b) << "a file of " << shared.size() << " bytes that is neither run's";
+  ASSERT_NE(alone[0], alone[1]);
+  int status = 0;
+  const pid_t first = start_brelix(dir.path(), {"-i", "shared.ama"}, answers[0]);
+  ASSERT_GT(first, 0);
+  // Held up in its matrix, past the model description both runs share.
+  const bool held = wait_for_bytes(dir.path(), "shared.ama", first, &status, 200000);
+  if (held) kill(first, SIGSTOP);
+  const pid_t second = start_brelix(dir.path(), {"-i", "shared.ama"}, answers[1]);
+  int second_status = 0;
+  EXPECT_EQ(waitpid(second, &second_status, 0), second);
+  if (held) {
+    kill(first, SIGCONT);
+    EXPECT_EQ(waitpid(first, &status, 0), first);
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(WIFEXITED(second_status) && WEXITSTATUS(second_status) == 0) << second_status;
+  const std::string shared = read_file(dir.file("shared.ama"));
+  EXPECT_TRUE(shared == alone[0] || shared == alone[1]) << "a file of " << shared.size() << " bytes that is neither run's";
   EXPECT_EQ(temporaries_in(dir.path()), 0);
 }
 
