@@ -26,8 +26,6 @@ class SphericalSpline {
   // The interpolated value at direction d for weights c from fit().
   double evaluate(const std::vector<double> &c, const Vec3 &d) const;
 
-  size_t size() const { return dirs_.size(); }
-
  private:
   double g(double cosine) const;
   std::vector<Vec3> dirs_;

@@ -49,6 +49,9 @@ Sampled sample_maps(const Topomap &t, const TopomapLayout &layout) {
   return s;
 }
 
+// The colour scale's half range: the largest magnitude of every panel's map
+// (electrode values and the interpolation between them), so that one scale
+// serves all panels, symmetric about zero.
 double range_of(const Topomap &t, const Sampled &s) {
   double vmax = 0;
   for (const auto &p : t.panels)
@@ -197,8 +200,6 @@ std::array<double, 2> topomap_pixel(const TopomapLayout &layout, int panel, cons
   double s = layout.radius_px / layout.head_angle;
   return {layout.centres[panel][0] + xy[0] * s, layout.centres[panel][1] - xy[1] * s};
 }
-
-double topomap_range(const Topomap &t, const TopomapLayout &layout) { return range_of(t, sample_maps(t, layout)); }
 
 void draw_topomap(cairo_t *cr, const Topomap &t, const TopomapLayout &layout) {
   Sampled s = sample_maps(t, layout);

@@ -53,10 +53,5 @@ TopomapLayout topomap_layout(const Topomap &t);
 // `panel`.
 std::array<double, 2> topomap_pixel(const TopomapLayout &layout, int panel, const Vec3 &p);
 
-// The colour scale's half range: the largest magnitude of every panel's map
-// (electrode values and the interpolation between them), so that one scale
-// serves all panels, symmetric about zero.
-double topomap_range(const Topomap &t, const TopomapLayout &layout);
-
 // Draw the whole figure.
 void draw_topomap(cairo_t *cr, const Topomap &t, const TopomapLayout &layout);
