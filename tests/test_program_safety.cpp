@@ -41,14 +41,14 @@ int entries_in(const std::string &dir, const std::string &part, uintmax_t *bytes
 }
 
 // Temporaries of results in `dir`.
-int temporaries_in(const std::string &dir, uintmax_t *bytes = nullptr) { return entries_in(dir, ".tmp", bytes); }
+int temporaries_in(const std::string &dir) { return entries_in(dir, ".tmp"); }
 
-// Wait until the files of `dir` whose names contain `part` hold more than
-// `least` bytes, or the process `pid` ends (then *status is set).  True when
-// they do and the process still runs.
-bool wait_for_bytes(const std::string &dir, const std::string &part, pid_t pid, int *status, uintmax_t least = 0) {
+// Wait until files of `dir` whose names contain `part` exist and hold at
+// least `least` bytes, or the process `pid` ends (then *status is set).
+// True when they do and the process still runs.
+bool wait_for_bytes(const std::string &dir, const std::string &part, pid_t pid, int *status, uintmax_t least) {
   uintmax_t bytes = 0;
-  while (entries_in(dir, part, &bytes) == 0 || bytes <= least) {
+  while (entries_in(dir, part, &bytes) == 0 || bytes < least) {
     if (waitpid(pid, status, WNOHANG) == pid) return false;
     std::this_thread::sleep_for(std::chrono::microseconds(100));
   }
@@ -93,14 +93,7 @@ TEST(Safety, ASignalDuringTheStoreKeepsTheOldFileAndLeavesNoTemporary) {
       const pid_t pid = start_brelix(dir.path(), {"-i", "head.ama"}, io.file("answers"));
       ASSERT_GT(pid, 0);
       int status = 0;
-      pid_t ended = 0;
-      if (c.writing) {
-        if (!wait_for_bytes(dir.path(), ".tmp", pid, &status)) ended = pid;
-      } else {
-        while (temporaries_in(dir.path()) == 0 && (ended = waitpid(pid, &status, WNOHANG)) == 0)
-          std::this_thread::sleep_for(std::chrono::microseconds(100));
-      }
-      if (ended == pid) {
+      if (!wait_for_bytes(dir.path(), ".tmp", pid, &status, c.writing ? 1 : 0)) {
         write_file(dir.file("head.ama"), old);
         continue;
       }
