@@ -35,7 +35,9 @@ void draw_dipole(cairo_t *cr, const SectionsLayout &l, int panel, const SectionD
   auto at = section_pixel(l, panel, d.position);
   if (d.sd) {
     double ru = (*d.sd)[P.u] * l.scale, rv = (*d.sd)[P.v] * l.scale;
-    if (ru > 0 && rv > 0) {
+    // An ellipse larger than the panel would only tint all of it; the
+    // numbers under the sections tell such a standard deviation.
+    if (ru > 0 && rv > 0 && std::max(ru, rv) < P.size) {
       cairo_save(cr);
       cairo_translate(cr, at[0], at[1]);
       cairo_scale(cr, ru, rv);

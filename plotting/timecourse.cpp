@@ -28,15 +28,24 @@ struct Range {
 
 void draw_panel(cairo_t *cr, const Timecourse &t, const TimecourseDipole &d, double y0, const ScaledUnit &unit) {
   double x0 = left, w = width - left - right, h = panel_h - 70, ytop = y0 + 40;
-  Range tr, vr;
+  Range tr, vr, bands;
   for (double x : t.times) tr.take(x);
   for (const auto &tc : d.traces)
     for (size_t i = 0; i < tc.value.size(); i++) {
       double s = i < tc.sd.size() ? tc.sd[i] : 0;
-      vr.take(tc.value[i] - s);
-      vr.take(tc.value[i] + s);
+      vr.take(tc.value[i]);
+      bands.take(tc.value[i] - s);
+      bands.take(tc.value[i] + s);
     }
   vr.take(0);  // zero always shows: the sign of a moment matters
+  // The bands widen the axis, but no more than to twice the values' span
+  // on either side: a standard deviation far beyond the moments would
+  // otherwise flatten them into a line.  Such bands run off the panel.
+  double span = vr.hi - vr.lo;
+  if (span > 0) {
+    vr.take(std::max(bands.lo, vr.lo - 2 * span));
+    vr.take(std::min(bands.hi, vr.hi + 2 * span));
+  }
   tr.settle();
   vr.settle();
   auto px = [&](double x) { return x0 + (x - tr.lo) / (tr.hi - tr.lo) * w; };
@@ -61,6 +70,9 @@ void draw_panel(cairo_t *cr, const Timecourse &t, const TimecourseDipole &d, dou
     cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
     draw_text(cr, px(x), ytop + h + 6, format_number(x, 4), 0.5, 0);
   }
+  cairo_save(cr);
+  cairo_rectangle(cr, x0, ytop, w, h);
+  cairo_clip(cr);
   for (size_t k = 0; k < d.traces.size(); k++) {
     const MomentTrace &tc = d.traces[k];
     Rgb c = trace_colour(k, d.traces.size());
@@ -94,6 +106,7 @@ void draw_panel(cairo_t *cr, const Timecourse &t, const TimecourseDipole &d, dou
     cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND);
     cairo_stroke(cr);
   }
+  cairo_restore(cr);
   cairo_rectangle(cr, x0, ytop, w, h);
   cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
   cairo_set_line_width(cr, 1);
