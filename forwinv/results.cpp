@@ -74,15 +74,13 @@ void write_forward(float **phi, int nel, int ntim, float sampfreq, const char *k
 namespace {
 
 // A temporary beside `name` (see matrixio/atomicfile.h), or the end of the
-// run.  A failure names `shown`, as the position files always did, even
-// when the ".sd" file is the one that failed; `pending` (when given) is
-// given up first.
-FILE *open_or_stop(const char *name, const char *shown, FILE *pending = nullptr) {
+// run (which removes the temporaries still open).  A failure names `shown`,
+// as the position files always did, even when the ".sd" file is the one
+// that failed.
+FILE *open_or_stop(const char *name, const char *shown) {
   FILE *fp = atomic_open(name);
   if (fp) return fp;
-  int err = errno;
-  if (pending) atomic_abandon(pending);
-  fprintf(stderr, "\n Error opening file %s: %s\n\n\a\a", shown, strerror(err));
+  fprintf(stderr, "\n Error opening file %s: %s\n\n\a\a", shown, strerror(errno));
   exit(1);
 }
 
@@ -141,7 +139,7 @@ void write_pos(const SourceRecord *source, const float (*sdspnt)[5], int nsource
   write_position_file(fp, source, nsource);
   FILE *sd = nullptr;
   if (sdspnt) {
-    sd = open_or_stop(sdname.c_str(), name, fp);
+    sd = open_or_stop(sdname.c_str(), name);
     write_sd_file(sd, source, sdspnt, nsource, note);
   }
   commit_or_stop(fp, name);
