@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -72,6 +73,16 @@ TEST(AtomicFile, SymbolicLinksAreWrittenThrough) {
     EXPECT_EQ(read_file(dir.file(std::string("real/") + name)), name);
   }
   EXPECT_EQ(names_in(dir.file("real")), (std::vector<std::string>{"a.mat", "b.mat"}));
+}
+
+// A name near the longest a folder entry takes still gets its temporary.
+TEST(AtomicFile, ALongNameStillGetsATemporary) {
+  TempDir dir;
+  const std::string target = dir.file(std::string(250, 'n'));
+  FILE *fp = open_with(target, "long");
+  ASSERT_NE(fp, nullptr) << strerror(errno);
+  ASSERT_EQ(atomic_commit(fp), 1);
+  EXPECT_EQ(read_file(target), "long");
 }
 
 // A folder cannot be replaced by a file: the commit fails with the
