@@ -193,6 +193,9 @@ FILE *atomic_open(const char *target) {
     }
     return fp;
   }
+  // A file the user may not write stays protected, as it would be from a
+  // plain open for writing: renaming over it needs only the folder.
+  if (exists && S_ISREG(st.st_mode) && access(real.c_str(), W_OK) != 0) return nullptr;
   memcpy(free_slot->temp, temp.c_str(), temp.size() + 1);
   // Block the signals while the name is created and published, so that a
   // file never exists without the handler knowing it.

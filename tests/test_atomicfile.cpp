@@ -85,6 +85,20 @@ TEST(AtomicFile, ALongNameStillGetsATemporary) {
   EXPECT_EQ(read_file(target), "long");
 }
 
+// A file its owner made read-only is not replaced (root may write it).
+TEST(AtomicFile, AReadOnlyFileStays) {
+  if (geteuid() == 0) GTEST_SKIP() << "root may write any file";
+  TempDir dir;
+  const std::string target = dir.file("kept.mat");
+  write_file(target, "kept");
+  chmod(target.c_str(), 0444);
+  errno = 0;
+  EXPECT_EQ(open_with(target, "lost"), nullptr);
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"kept.mat"});
+  EXPECT_EQ(read_file(target), "kept");
+}
+
 // A folder cannot be replaced by a file: the commit fails with the
 // system's reason and the folder stays.  (Full disks and missing folders
 // are tested through the program.)
