@@ -11,8 +11,9 @@
 // A target that is a symbolic link is written through: the file the link
 // points to is replaced and the link stays.  A target that is a device or a
 // pipe (/dev/null, /dev/stdout, a FIFO), or a path into /proc (an open file
-// such as /proc/self/fd/N), is written in place.  A rewritten
-// file keeps its permissions.
+// such as /proc/self/fd/N), is written in place.  A rewritten file keeps
+// its permissions, and a file the user may not write is not replaced
+// (EACCES), as a plain open for writing would refuse it.
 #pragma once
 
 #include <cstdio>
@@ -20,7 +21,8 @@
 // Create a temporary file beside `target` and open it for binary writing.
 //   target  on input: the name the finished file is to have.
 // Returns the open stream, or nullptr with errno set (the directory is
-// missing or not writable, ...); nothing is created then.
+// missing or not writable, the file read-only, ...); nothing is created
+// then.
 FILE *atomic_open(const char *target);
 
 // Finish a stream from atomic_open: flush, sync to the disk, close and
