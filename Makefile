@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 
 PREFIX ?= /usr/local
 
-.PHONY: all deps configure build test demo bench clean asan fuzz fuzz-deps install
+.PHONY: all deps configure build test demo bench bench-peer clean asan fuzz fuzz-deps install
 
 all: build
 
@@ -42,6 +42,23 @@ demo: build
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do [ -x $$b ] && $$b; done
+
+# brelix side by side with MNE-Python: spheres against the analytic series,
+# a realistic head, dipole fits and timings, written to bench/RESULTS.md.
+# Takes several minutes and is never part of `make test` or CI.  It needs
+# Debian's MNE-Python for the system interpreter, and an optimised BLAS so
+# that the peer's BEM solution runs at the speed its users see (with the
+# reference BLAS it is ten times slower).  Fails when the two programs
+# disagree beyond the benchmark's tolerances.
+PEER_DEPS = python3-mne libopenblas0-pthread
+bench-peer: build
+	@missing=""; for p in $(PEER_DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -qq && $$SUDO apt-get install -y -qq $$missing; \
+	fi
+	@/usr/bin/python3 bench/peer/run_bench.py --build $(BUILD)
 
 # The whole test suite built with AddressSanitizer and UndefinedBehavior-
 # Sanitizer.  The leak checker stays off: one-based arrays keep pointers
