@@ -70,8 +70,9 @@ void draw_dipole(cairo_t *cr, const SectionsLayout &l, int panel, const SectionD
 }
 
 void draw_marks(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, int i) {
-  for (const auto &d : s.truths) draw_dipole(cr, l, i, d, false);
+  // The true dipoles last: a thin cross on the fitted dot leaves both seen.
   for (const auto &d : s.fitted) draw_dipole(cr, l, i, d, true);
+  for (const auto &d : s.truths) draw_dipole(cr, l, i, d, false);
 }
 
 void trace_surfaces(cairo_t *cr, const DipoleSections &s, const SectionsLayout &l, int i) {

@@ -33,8 +33,10 @@ const char *help =
     "                      exists)\n"
     "  --truth T.pos       true dipoles (a source position file), for simulations\n"
     "  --moments FIT.mat   the fit's moments: the arrows of dipoles with a free\n"
-    "                      orientation (rows as brelix writes them)\n"
-    "  --sample N          the sample of FIT.mat the arrows show, from 1 (default 1)\n"
+    "                      orientation (rows as brelix writes them); for moving\n"
+    "                      dipoles (FIT.pos: the starting file, \"position moving\")\n"
+    "                      also their positions, and FIT.mat.sd their deviations\n"
+    "  --sample N          the sample of FIT.mat shown, from 1 (default 1)\n"
     "  --dipole K          the fitted dipole the sections pass through (default 1)\n"
     "  --width PX          width of the picture in pixels (everything scales)\n"
     "  -o, --output OUT    the picture: .png, .svg or .pdf\n"
@@ -66,20 +68,37 @@ DipoleSections sections_from_command_line(int argc, char **argv, std::string &ou
   std::vector<HeadSurface> surfaces = head_surfaces(head);
   std::vector<SourcePosition> fit = read_position_file(fit_path);
 
-  std::string sd_path = args.get_or("sd", exists(fit_path + ".sd") ? fit_path + ".sd" : "");
-  std::vector<SourcePosition> sd;
-  if (!sd_path.empty()) {
-    sd = read_position_file(sd_path, false);
-    if (sd.size() != fit.size())
-      fail(sd_path, "line 1", std::to_string(sd.size()) + " sources, but " + fit_path + " has " +
-                                  std::to_string(fit.size()));
-  }
   std::optional<MatrixFile> moments;
   int sample = 0;
-  if (auto mp = args.get("moments")) {
-    moments = read_matrix_file(*mp);
-    check_moment_rows(*moments, *mp, fit);
-    sample = chosen_sample(args, *moments, *mp);
+  std::string mp = args.get_or("moments", "");
+  if (!mp.empty()) {
+    moments = read_matrix_file(mp);
+    check_moment_rows(*moments, mp, fit);
+    sample = chosen_sample(args, *moments, mp);
+  }
+  std::vector<SourcePosition> sd;
+  std::string sd_path;
+  if (fit[0].moving) {
+    // A moving fit writes its positions, and their deviations, into the
+    // solution and its ".sd" companion.
+    if (!moments) usage_fail("the dipoles of " + fit_path + " move: give the fit's solution with --moments");
+    take_moving_positions(fit, *moments, sample);
+    sd_path = args.get_or("sd", exists(mp + ".sd") ? mp + ".sd" : "");
+    if (!sd_path.empty()) {
+      MatrixFile m = read_matrix_file(sd_path);
+      if (m.rows != moments->rows || m.cols != moments->cols)
+        fail(sd_path, "", "is not of the shape of " + mp);
+      sd = fit;
+      take_moving_positions(sd, m, sample);
+    }
+  } else {
+    sd_path = args.get_or("sd", exists(fit_path + ".sd") ? fit_path + ".sd" : "");
+    if (!sd_path.empty()) {
+      sd = read_position_file(sd_path, false);
+      if (sd.size() != fit.size())
+        fail(sd_path, "line 1", std::to_string(sd.size()) + " sources, but " + fit_path + " has " +
+                                    std::to_string(fit.size()));
+    }
   }
   double k = args.number("dipole").value_or(1);
   if (k != std::floor(k) || k < 1 || k > (double)fit.size())
@@ -121,7 +140,8 @@ DipoleSections sections_from_command_line(int argc, char **argv, std::string &ou
   }
   s.title = "Fitted dipole" + std::string(fit.size() > 1 ? "s" : "") + ": sections through " +
             (fit.size() > 1 ? "fit " + std::to_string((int)k) + " " : "") + triple(s.cut);
-  s.subtitle = "From " + files + (moments ? ", moments " + base_name(*args.get("moments")) : "") + ".";
+  s.subtitle = "From " + files + (moments ? ", moments " + base_name(mp) : "") +
+               (fit[0].moving ? ", sample " + std::to_string(sample + 1) : "") + ".";
   return s;
 }
 

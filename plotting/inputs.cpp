@@ -105,6 +105,14 @@ void check_moment_rows(const MatrixFile &moments, const std::string &path, const
                        std::to_string(need));
 }
 
+void take_moving_positions(std::vector<SourcePosition> &sources, const MatrixFile &moments, int sample) {
+  if (sources.empty() || !sources[0].moving) return;
+  std::vector<int> rows = moment_rows(sources);
+  int first = std::accumulate(rows.begin(), rows.end(), 0);
+  for (size_t k = 0; k < sources.size(); k++)
+    for (int c = 0; c < 3; c++) sources[k].position[c] = moments.at(first + 3 * (int)k + c, sample);
+}
+
 std::optional<Vec3> dipole_moment(const std::vector<SourcePosition> &sources, size_t k, const MatrixFile *moments,
                                   int sample) {
   std::vector<int> rows = moment_rows(sources);

@@ -67,6 +67,13 @@ void check_rows(const MatrixFile &m, const std::string &path, size_t electrodes,
 std::optional<Vec3> dipole_moment(const std::vector<SourcePosition> &sources, size_t k, const MatrixFile *moments,
                                   int sample);
 
+// Moving dipoles (the position file says "position moving") are placed
+// anew at every sample: their positions at `sample` are the rows after the
+// moment rows of `moments`, three per source, and replace the file's
+// starting positions.  Nothing changes for other dipoles.  `moments` must
+// have passed check_moment_rows.
+void take_moving_positions(std::vector<SourcePosition> &sources, const MatrixFile &moments, int sample);
+
 // Throws InputError naming `path` when `moments` does not have the rows that
 // `sources` need (one or three per source, or these and three position rows
 // per source for moving dipoles).

@@ -38,7 +38,8 @@ const char *help =
     "  --dipoles FIT.pos   fitted dipoles, drawn as arrows of their horizontal\n"
     "                      moment (a ring with a dot or cross: mostly up or down)\n"
     "  --moments FIT.mat   the fit's moments, for the arrows of dipoles with a\n"
-    "                      free orientation (rows as brelix writes them)\n"
+    "                      free orientation (rows as brelix writes them), and\n"
+    "                      the positions of moving dipoles at the sample\n"
     "  --unit U            unit of the potentials (default V; SI prefixes are\n"
     "                      chosen to suit the values)\n"
     "  --no-labels         electrode dots without their labels\n"
@@ -115,6 +116,10 @@ Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
                           std::to_string(data.cols));
     }
     int msample = moments && moments->cols == 1 ? 0 : sample;
+    if (sources[0].moving) {
+      if (!moments) usage_fail("the dipoles of " + *pos_path + " move: give the fit's solution with --moments");
+      take_moving_positions(sources, *moments, msample);
+    }
     for (size_t k = 0; k < sources.size(); k++)
       t.dipoles.push_back({sources[k].position, dipole_moment(sources, k, moments ? &*moments : nullptr, msample),
                            sources.size() == 1 ? "fit" : "fit " + std::to_string(k + 1)});

@@ -225,6 +225,27 @@ TEST(PlotHead, ScalpColoursAndElectrodesFaceTheRightWayInEachView) {
   EXPECT_FALSE(dark(head_pixel(l, 1, h.electrodes[1])));
 }
 
+TEST(PlotSections, MovingDipolesStandWhereTheSolutionPutsThemAtTheSample) {
+  TempDir dir;
+  write_sphere(dir, "brain.tri", 2, 0.1);
+  write_file(dir.file("geometry.ans"), dir.file("brain.tri") + "\n0.33\n\n");
+  write_file(dir.file("start.pos"), "2\n1 0 0 0\n2 0 0 0\n1 position moving\n2 position moving\n");
+  // Rows: the moments of both dipoles (x, y, z each), then their positions;
+  // row r holds 0.01 r at the first sample and 0.01 r + 0.005 at the second.
+  std::vector<float> m;
+  for (int r = 0; r < 12; r++) m.insert(m.end(), {0.01f * r, 0.01f * r + 0.005f});
+  write_matrix(dir.file("fit.mat"), 12, 2, m, "");
+  DipoleSections s = build(sections_from_command_line, {"dipoles", "--head", dir.path(), "--fit", dir.file("start.pos"),
+                                                        "--moments", dir.file("fit.mat"), "--sample", "2", "--dipole",
+                                                        "2", "-o", dir.file("s.png")});
+  ASSERT_EQ(s.fitted.size(), 2u);
+  for (int k = 0; k < 2; k++)
+    for (int c = 0; c < 3; c++) EXPECT_FLOAT_EQ(s.fitted[k].position[c], m[(6 + 3 * k + c) * 2 + 1]);
+  EXPECT_EQ(s.cut, s.fitted[1].position);
+  ASSERT_TRUE(s.fitted[1].moment);
+  EXPECT_FLOAT_EQ((*s.fitted[1].moment)[2], m[5 * 2 + 1]);
+}
+
 TEST(PlotSpline, PassesThroughTheElectrodesAndKeepsAConstant) {
   TriMesh m = icosphere(1, 1.0);
   std::vector<Vec3> dirs;
