@@ -223,7 +223,7 @@ void draw_topomap(cairo_t *cr, const Topomap &t, const TopomapLayout &layout) {
         cairo_fill(cr);
       }
       if (t.show_labels && e < t.labels.size()) {
-        set_font(cr, 13);
+        set_font(cr, t.electrodes.size() > 40 ? 11 : 13);  // dense caps keep their labels apart
         cairo_set_source_rgb(cr, 0.05, 0.05, 0.05);
         draw_text(cr, at[0], at[1] + 4, t.labels[e], 0.5, 0);
       }
