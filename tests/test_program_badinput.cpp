@@ -68,23 +68,24 @@ TEST(BadInput, EveryReaderAndWriterEndsCleanlyWithItsMessage) {
        fatal("The measured data are zero everywhere after the average reference"), ""},
       {"", "", {}, "sphere.tri\n0\n", 1, ERR, "\nConductivity cannot be zero!\n", ""},
       // Files that cannot be written end the job with status 1 and the
-      // system's reason; the -i job learns it before its long work.
+      // system's reason; the -i job learns it before its long work.  "full"
+      // is a link to /dev/full, a device that is always full.
       {"", "", {}, TO_DATA + "\nnodir/out.mat\n", 1, ERR,
        "\n Cannot create nodir/out.mat: No such file or directory\n\n\a\a", ""},
-      {"", "", {}, TO_DATA + "\n/dev/full\n", 1, ERR, "\n Error writing to /dev/full: No space left on device\n\n\a\a", ""},
+      {"", "", {}, TO_DATA + "\nfull\n", 1, ERR, "\n Error writing to full: No space left on device\n\n\a\a", ""},
       {"", "", {"-i", "nodir/a.ama"}, GEO + "\n", 1, OUT, "\nerror opening nodir/a.ama: No such file or directory\n\n\a\a", "",
        "Estimated condition"},
-      {"", "", {"-i", "/dev/full"}, GEO + "\n", 1, OUT, "\nerror writing to /dev/full: No space left on device\n\n\a\a", ""},
+      {"", "", {"-i", "full"}, GEO + "\n", 1, OUT, "\nerror writing to full: No space left on device\n\n\a\a", ""},
       {"", "", {}, TO_DATA + "data.mat\nf\nnodir/sol\n\n", 1, ERR,
        "\n Cannot create nodir/sol: No such file or directory\n\n\a\a", ""},
-      {"", "", {}, TO_DATA + "data.mat\nf\n/dev/full\n\n", 1, ERR,
-       "\n Error writing to /dev/full: No space left on device\n\n\a\a", "", "saved in file"},
-      {"", "", {}, TO_DATA + "data.mat\nf\nsol\n/dev/full\n", 1, ERR,
-       "\n Error writing to /dev/full: No space left on device\n\n\a\a", ""},
+      {"", "", {}, TO_DATA + "data.mat\nf\nfull\n\n", 1, ERR,
+       "\n Error writing to full: No space left on device\n\n\a\a", "", "saved in file"},
+      {"", "", {}, TO_DATA + "data.mat\nf\nsol\nfull\n", 1, ERR,
+       "\n Error writing to full: No space left on device\n\n\a\a", ""},
       {"", "", {}, TO_DATA + "data.mat\ns\nsol\n\nnodir/p\n", 1, ERR,
        "\n Error opening file nodir/p: No such file or directory\n\n\a\a", ""},
-      {"", "", {}, TO_DATA + "data.mat\ns\nsol\n\n/dev/full\n", 1, ERR,
-       "\n Error writing to /dev/full: No space left on device\n\n\a\a", ""},
+      {"", "", {}, TO_DATA + "data.mat\ns\nsol\n\nfull\n", 1, ERR,
+       "\n Error writing to full: No space left on device\n\n\a\a", ""},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.input + c.message);
@@ -93,6 +94,7 @@ TEST(BadInput, EveryReaderAndWriterEndsCleanlyWithItsMessage) {
     write_file(dir.file("src.pos"), "1\n1 0 0 0.3\n");
     write_file(dir.file("data.mat"), matrix_bytes(42, 2, ramp(84), "sample freq\n100\n"));
     if (!c.name.empty()) write_file(dir.file(c.name), c.contents);
+    std::filesystem::create_symlink("/dev/full", dir.file("full"));
     const ProcResult r = run_process(BRELIX_EXE, c.args, c.input, dir.path(), 60);
     EXPECT_EQ(r.status, c.status) << "stdout:\n" << r.out << "\nstderr:\n" << r.err;
     EXPECT_TRUE(r.err.find("Sanitizer") == std::string::npos && r.err.find("runtime error") == std::string::npos)
