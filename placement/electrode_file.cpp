@@ -9,6 +9,8 @@
 
 #include "cli/failure.h"
 #include "cli/output.h"
+#include "surface/file_bytes.h"
+#include "surface/text_scan.h"
 
 namespace {
 
@@ -16,68 +18,36 @@ namespace {
 // two records there, so it is refused here rather than read differently.
 constexpr size_t MAX_LINE = 158;
 
-// The next integer of `s` as "%d" reads it; false when there is none or it
-// does not fit an int.
-bool scan_int(const char *&s, int &out) {
-  char *end;
-  errno = 0;
-  long x = strtol(s, &end, 10);
-  if (end == s || errno == ERANGE || x < INT_MIN || x > INT_MAX) return false;
+// The next line of `in`, checked for length; false at the end of the file.
+bool next_line(TextScan &in, std::string_view &line) {
+  if (!in.next_line(line)) return false;
+  if (line.size() > MAX_LINE) in.fail_here("line longer than 158 characters");
+  return true;
+}
+
+// The next integer as "%d" reads it; false when there is none or it does not
+// fit an int.
+bool scan_int(std::string_view &s, int &out) {
+  long long x;
+  if (!scan_long(s, x) || x < INT_MIN || x > INT_MAX) return false;
   out = (int)x;
-  s = end;
   return true;
 }
 
-// The next number of `s` as "%f" reads it.
-bool scan_float(const char *&s, float &out) {
-  char *end;
-  out = strtof(s, &end);
-  if (end == s) return false;
-  s = end;
+// The next number as "%f" reads it, rounded to the float brelix keeps.
+bool scan_float(std::string_view &s, float &out) {
+  double x;
+  if (!scan_double(s, x)) return false;
+  out = (float)x;
   return true;
 }
-
-// Lines of a text file, each without its line break.
-class LineReader {
- public:
-  explicit LineReader(const std::string &path) : path_(path), fp_(fopen(path.c_str(), "r")) {
-    if (!fp_) fail(path, "", std::string("cannot open: ") + strerror(errno));
-  }
-  ~LineReader() { fclose(fp_); }
-  LineReader(const LineReader &) = delete;
-  LineReader &operator=(const LineReader &) = delete;
-
-  // The next line into `line`; false at the end of the file.
-  bool next(std::string &line) {
-    line.clear();
-    int c;
-    bool any = false;
-    while ((c = fgetc(fp_)) != EOF) {
-      any = true;
-      if (c == '\n') break;
-      line += (char)c;
-      if (line.size() > MAX_LINE) fail(path_, place(number_ + 1), "line longer than 158 characters");
-    }
-    if (!any) return false;
-    number_++;
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    return true;
-  }
-  static std::string place(int n) { return "line " + std::to_string(n); }
-  std::string place() const { return place(number_); }
-
- private:
-  std::string path_;
-  FILE *fp_;
-  int number_ = 0;
-};
 
 // The label brelix keeps from a triangle line: up to 10 characters after the
 // first '!', here without surrounding blanks.  Empty when there is none.
-std::string label_of(const std::string &line) {
+std::string label_of(std::string_view line) {
   size_t mark = line.find('!');
   if (mark == std::string::npos) return "";
-  std::string label = line.substr(mark + 1, MAX_LABEL_LENGTH);
+  std::string label(line.substr(mark + 1, MAX_LABEL_LENGTH));
   size_t first = label.find_first_not_of(" \t");
   if (first == std::string::npos) return "";
   size_t last = label.find_last_not_of(" \t");
@@ -89,25 +59,26 @@ std::string label_of(const std::string &line) {
 std::string default_label(size_t n) { return "E" + std::to_string(n); }
 
 std::vector<ElectrodeEntry> read_electrode_file(const std::string &path) {
-  LineReader in(path);
-  std::string line;
+  const std::string data = read_file_bytes(path);
+  TextScan in(data, path);
+  std::string_view line, s;
   int count = 0;
-  if (!in.next(line)) fail(path, "line 1", "empty file: the number of electrodes is missing");
-  const char *s = line.c_str();
-  if (!scan_int(s, count)) fail(path, "line 1", "the number of electrodes is missing");
-  if (count < 1) fail(path, "line 1", "the number of electrodes must be at least 1, not " + std::to_string(count));
+  if (!next_line(in, line)) fail(path, "line 1", "empty file: the number of electrodes is missing");
+  s = line;
+  if (!scan_int(s, count)) in.fail_here("the number of electrodes is missing");
+  if (count < 1) in.fail_here("the number of electrodes must be at least 1, not " + std::to_string(count));
 
   std::vector<ElectrodeEntry> out;
   bool triangles = false;
   for (int e = 1; e <= count; e++) {
-    if (!in.next(line))
-      fail(path, LineReader::place(e + 1),
+    if (!next_line(in, line))
+      fail(path, "line " + std::to_string(e + 1),
            "the file ends after " + std::to_string(e - 1) + " of its " + std::to_string(count) + " electrodes");
-    s = line.c_str();
+    s = line;
     if (e == 1) {
       // The first electrode line decides the form of all, as in brelix.
       float x;
-      const char *probe = s;
+      std::string_view probe = s;
       triangles = scan_float(probe, x) && scan_float(probe, x) && scan_float(probe, x);
     }
     ElectrodeEntry entry;
@@ -115,17 +86,17 @@ std::vector<ElectrodeEntry> read_electrode_file(const std::string &path) {
     if (triangles) {
       float u, v;
       if (!scan_int(s, number) || !scan_float(s, u) || !scan_float(s, v))
-        fail(path, in.place(), "expected a triangle number and the local coordinates u and v");
-      if (!std::isfinite(u) || !std::isfinite(v)) fail(path, in.place(), "u and v must be finite numbers");
-      if (number < 1) fail(path, in.place(), "triangle numbers count from 1, not " + std::to_string(number));
+        in.fail_here("expected a triangle number and the local coordinates u and v");
+      if (!std::isfinite(u) || !std::isfinite(v)) in.fail_here("u and v must be finite numbers");
+      if (number < 1) in.fail_here("triangle numbers count from 1, not " + std::to_string(number));
       entry.u = u;
       entry.v = v;
       entry.label = label_of(line);
     } else {
       int running;
       if (!scan_int(s, running) || !scan_int(s, number))
-        fail(path, in.place(), "expected a running number and a vertex number");
-      if (number < 1) fail(path, in.place(), "vertex numbers count from 1, not " + std::to_string(number));
+        in.fail_here("expected a running number and a vertex number");
+      if (number < 1) in.fail_here("vertex numbers count from 1, not " + std::to_string(number));
     }
     entry.on_vertex = !triangles;
     entry.index = number - 1;

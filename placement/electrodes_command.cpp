@@ -65,9 +65,7 @@ void check_labels(const std::vector<LabelledPoint> &points, const std::string &f
   for (const LabelledPoint &p : points) {
     if (p.label.size() > MAX_LABEL_LENGTH)
       fail(file, p.place, "label '" + p.label + "' is longer than the 10 characters brelix keeps");
-    std::string key = p.label;
-    for (char &c : key) c = (char)std::tolower((unsigned char)c);
-    auto [it, fresh] = seen.emplace(key, &p);
+    auto [it, fresh] = seen.emplace(ascii_lower(p.label), &p);
     if (!fresh) fail(file, p.place, "label '" + p.label + "' also names the electrode at " + it->second->place);
   }
 }

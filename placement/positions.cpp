@@ -9,19 +9,19 @@
 
 namespace {
 
-std::string lower(std::string s) {
-  for (char &c : s) c = (char)std::tolower((unsigned char)c);
-  return s;
-}
-
 std::string suffix_of(const std::string &path) {
   const size_t slash = path.find_last_of('/');
   const size_t dot = path.find_last_of('.');
   if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
-  return lower(path.substr(dot + 1));
+  return ascii_lower(path.substr(dot + 1));
 }
 
 }  // namespace
+
+std::string ascii_lower(std::string s) {
+  for (char &c : s) c = (char)std::tolower((unsigned char)c);
+  return s;
+}
 
 Vec3 from_theta_phi(double theta, double phi, double r) {
   const double t = theta * M_PI / 180, f = phi * M_PI / 180;
@@ -29,7 +29,7 @@ Vec3 from_theta_phi(double theta, double phi, double r) {
 }
 
 double metres_per_unit(const std::string &unit) {
-  const std::string u = lower(unit);
+  const std::string u = ascii_lower(unit);
   if (u == "m" || u == "meter" || u == "meters" || u == "metre" || u == "metres") return 1;
   if (u == "cm" || u == "centimeter" || u == "centimeters" || u == "centimetre" || u == "centimetres") return 0.01;
   if (u == "mm" || u == "millimeter" || u == "millimeters" || u == "millimetre" || u == "millimetres") return 0.001;

@@ -51,6 +51,9 @@ PositionFile parse_loc_positions(const std::string &data, const std::string &fil
 // in the .elp/.bvef sense above).
 Vec3 from_theta_phi(double theta, double phi, double r);
 
+// `s` with ASCII letters in lower case.
+std::string ascii_lower(std::string s);
+
 // Length units: metres per unit for "m", "cm", "mm" (also "meters",
 // "millimeters", ...); 0 for anything else.
 double metres_per_unit(const std::string &unit);

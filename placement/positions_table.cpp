@@ -49,11 +49,6 @@ std::optional<double> number(const std::string &field) {
   return v;
 }
 
-std::string lower(std::string s) {
-  for (char &c : s) c = (char)std::tolower((unsigned char)c);
-  return s;
-}
-
 }  // namespace
 
 PositionFile parse_table_positions(const std::string &data, const std::string &file) {
@@ -75,7 +70,7 @@ PositionFile parse_table_positions(const std::string &data, const std::string &f
       if (!data_row) {
         label = x = y = z = -1;
         for (int i = 0; i < (int)f.size(); i++) {
-          const std::string h = lower(f[(size_t)i]);
+          const std::string h = ascii_lower(f[(size_t)i]);
           if (h == "label" || h == "labels" || h == "name" || h == "channel" || h == "electrode" || h == "site")
             label = i;
           else if (h == "x" || h.rfind("x ", 0) == 0 || h.rfind("x_", 0) == 0 || h.rfind("x(", 0) == 0)

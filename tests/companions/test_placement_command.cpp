@@ -77,6 +77,13 @@ TEST(PlacementCommand, WrittenFileGivesBrelixTheHandMadeElectrodes) {
   EXPECT_NE(r.out.find("positions: cap.sfp, 5 electrodes, 3 fiducials, units mm (chosen from the extent"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("5 electrodes written to made.elc; moved 2.00 mm on average, at most 2.00 mm"), std::string::npos) << r.out;
   expect_hand_made(dir.file("made.elc"), 1e-5);
+  const ProcResult some = prep(dir, {"--scalp", "sphere.tri", "cap.sfp", "-o", "some.elc", "--labels", "E,cz,A",
+                                     "--drop", "a", "--quiet"});
+  ASSERT_EQ(some.status, 0) << some.err;
+  EXPECT_EQ(some.out, "");
+  const auto kept = read_electrode_file(dir.file("some.elc"));
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[0].label + kept[1].label, "ECz");
 
   std::string hand = "5\n";
   for (const auto &h : HAND) hand += std::to_string(h.triangle) + " " + std::to_string(h.u) + " " + std::to_string(h.v) + " !" + h.label + "\n";
