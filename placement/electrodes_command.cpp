@@ -173,6 +173,7 @@ int run(const ElectrodesOptions &o) {
   // Project, and refuse the electrodes the scalp is too far from.
   std::vector<ElectrodeEntry> entries;
   std::string far, table;
+  int far_count = 0;
   double sum = 0, largest = -1;
   std::string largest_label;
   for (const LabelledPoint &e : electrodes) {
@@ -181,13 +182,17 @@ int run(const ElectrodesOptions &o) {
     char row[160];
     snprintf(row, sizeof row, "%-10s %9d %10.6f %10.6f %8.2f\n", e.label.c_str(), q.triangle + 1, q.u, q.v, mm);
     table += row;
-    if (mm > o.max_distance_mm) far += (far.empty() ? "" : ", ") + e.label + format(" (%.1f mm)", mm);
+    // The first twenty by name, the rest counted: enough to see what went wrong.
+    if (mm > o.max_distance_mm && ++far_count <= 20)
+      far += (far.empty() ? "" : ", ") + e.label + format(" (%.1f mm)", mm);
     sum += mm;
     if (mm > largest) largest = mm, largest_label = e.label;
     entries.push_back({false, q.triangle, q.u, q.v, e.label, true});
   }
-  if (!far.empty())
-    fail(source, "", "farther than " + format("%g", o.max_distance_mm) + " mm from the scalp (--max-distance): " + far);
+  if (far_count > 0)
+    fail(source, "", std::to_string(far_count) + (far_count == 1 ? " electrode" : " electrodes") + " farther than " +
+                         format("%g", o.max_distance_mm) + " mm from the scalp (--max-distance): " + far +
+                         (far_count > 20 ? " and " + std::to_string(far_count - 20) + " more" : ""));
   write_electrode_file(o.output, entries);
 
   say("electrode   triangle          u          v   moved (mm)");

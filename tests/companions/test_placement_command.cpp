@@ -148,7 +148,7 @@ TEST(PlacementCommand, BadInputIsRefusedAndNothingWritten) {
     std::string message;
   } cases[] = {
       {{"twice.sfp"}, "twice.sfp: line 3: label 'fz' also names the electrode at line 1"},
-      {{"far.sfp", "--units", "mm"}, "far.sfp: farther than 10 mm from the scalp (--max-distance): Cz (60.0 mm), Pz (35.0 mm)"},
+      {{"far.sfp", "--units", "mm"}, "far.sfp: 2 electrodes farther than 10 mm from the scalp (--max-distance): Cz (60.0 mm), Pz (35.0 mm)"},
       {{"long.sfp"}, "long.sfp: line 2: label 'VeryLongLabel' is longer than the 10 characters brelix keeps"},
       {{"short.elc"}, "short.elc: line 5: the Positions block ends after 2 of 3 positions"},
       {{"cap.xyz"}, "cap.xyz: unknown position format: not .elc .sfp .txt .csv .tsv .elp .bvef .loc .locs, nor rows of label x y z"},
