@@ -4,20 +4,30 @@
 // matrix (-i), and a forward run that loads it.  Electrodes are either the
 // 19 of the layout tool or every scalp vertex (the empty answer, shown as
 // electrodes:0).  --head_vertices=N runs the same on a head with N vertices
-// per shell (642 for a quick look).
+// per shell (642 for a quick look).  When the build found OpenBLAS, the
+// forward run is also timed against LAPACK's sgetrf of a matrix of the same
+// order (shaped like a system matrix, on every thread) in the same run:
+// counters forward_s, sgetrf_s and forward_over_sgetrf.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tests/support/files.h"
 #include "tests/support/process.h"
 #include "tools/icosphere.h"
+
+#ifdef BRELIX_BENCH_OPENBLAS
+extern "C" void sgetrf_(const int *m, const int *n, float *a, const int *lda, int *ipiv, int *info);
+#endif
 
 namespace {
 
@@ -112,6 +122,46 @@ void BM_LoadedForwardRun(benchmark::State &state) {
   }
 }
 
+#ifdef BRELIX_BENCH_OPENBLAS
+// Seconds sgetrf takes for an n x n matrix I - C, C positive with row sums
+// 1/2 (column-major), like the system matrix of a model of order n.
+double sgetrf_seconds(int n) {
+  std::vector<float> a((size_t)n * n);
+  std::mt19937 rng(12345);
+  std::uniform_real_distribution<float> pos(0.01f, 1.0f);
+  std::vector<double> row(n);
+  for (int i = 0; i < n; i++) {
+    double sum = 0;
+    for (int j = 0; j < n; j++) sum += row[j] = pos(rng);
+    for (int j = 0; j < n; j++) a[(size_t)j * n + i] = (float)((i == j ? 1.0 : 0.0) - 0.5 * row[j] / sum);
+  }
+  std::vector<int> ipiv(n);
+  int info = 0;
+  const auto start = std::chrono::steady_clock::now();
+  sgetrf_(&n, &n, a.data(), &n, ipiv.data(), &info);
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The forward run with 19 electrodes and sgetrf of the model's order, one
+// after the other; the counters keep the shortest of each (the machine may
+// be busy with other work now and then).
+void BM_ForwardRunVsSgetrf(benchmark::State &state) {
+  const std::string input = geometry_answers(19) + "dipoles.pos\n\nforward.mat\n";
+  double forward_best = 1e30, lu_best = 1e30;
+  for (auto _ : state) {
+    const double forward = timed_run(state, {}, input, "forward.mat");
+    if (forward < 0) break;
+    const double lu = sgetrf_seconds(3 * vertices);
+    state.SetIterationTime(forward);
+    forward_best = std::min(forward_best, forward);
+    lu_best = std::min(lu_best, lu);
+  }
+  state.counters["forward_s"] = forward_best;
+  state.counters["sgetrf_s"] = lu_best;
+  state.counters["forward_over_sgetrf"] = forward_best / lu_best;
+}
+#endif
+
 }  // namespace
 
 // Each run once, with the 19 electrodes and with every outer vertex.
@@ -128,6 +178,12 @@ void register_runs() {
         ->Iterations(1)
         ->UseManualTime()
         ->Unit(benchmark::kSecond);
+#ifdef BRELIX_BENCH_OPENBLAS
+  benchmark::RegisterBenchmark("BM_ForwardRunVsSgetrf", BM_ForwardRunVsSgetrf)
+      ->Iterations(3)
+      ->UseManualTime()
+      ->Unit(benchmark::kSecond);
+#endif
 }
 
 int main(int argc, char **argv) {

@@ -44,11 +44,18 @@ double scaled(int e) { return std::ldexp(1.0 + (double)(rng()() >> 11) * 0x1p-53
 const double EDGES[] = {0.0, -0.0, 0x1p-1074, -0x1p-1074, 0x1p-1022, 1.0, -1.0, 0x1.fffffffffffffp1023,
                         -0x1.fffffffffffffp1023, INFINITY, -INFINITY, NAN};
 
-// Arguments of atan2: random bits, random angles at one random magnitude,
-// independent magnitudes (tiny and huge ratios), ratios at the octant
-// boundaries of the reduction, and every pair of edge values.
+// Arguments of atan2: runs of angles near the positive x axis (the short
+// path of whole vectors, up to its limits), random bits, random angles at
+// one random magnitude, independent magnitudes (tiny and huge ratios),
+// ratios at the octant boundaries of the reduction, and every pair of edge
+// values.
 std::vector<std::pair<double, double>> atan2_arguments() {
   std::vector<std::pair<double, double>> a;
+  std::uniform_real_distribution<double> slope(-0.4142135623730951, 0.4142135623730951);
+  for (int k = 0; k < 4000; k++) {
+    const double x = scaled((int)(rng()() % 1600) - 600);
+    a.push_back({k % 500 == 7 ? std::ldexp(x, -400) : slope(rng()) * x, x});
+  }
   std::uniform_real_distribution<double> angle(-M_PI, M_PI);
   std::uniform_int_distribution<int> expo(-1074, 1023);
   for (int k = 0; k < 60000; k++) {
