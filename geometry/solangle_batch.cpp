@@ -16,30 +16,23 @@ using V = LanesScalar;
 }  // namespace batch_portable
 
 #if DOUBLE_LANES_X86
-#pragma GCC push_options
-#pragma GCC target("avx2,fma")
+DOUBLE_LANES_AVX2_BEGIN
 namespace batch_avx2 {
 using V = LanesAvx2x2;
 #include "numeric/elementary_body.inc"
 #include "geometry/solangle_body.inc"
 #include "geometry/solangle_batch_body.inc"
 }  // namespace batch_avx2
-#pragma GCC pop_options
+DOUBLE_LANES_AVX2_END
 
-#pragma GCC push_options
-#pragma GCC target("avx512f")
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wpsabi"
+DOUBLE_LANES_AVX512_BEGIN
 namespace batch_avx512 {
 using V = LanesAvx512;
 #include "numeric/elementary_body.inc"
 #include "geometry/solangle_body.inc"
 #include "geometry/solangle_batch_body.inc"
 }  // namespace batch_avx512
-#pragma GCC diagnostic pop
-#pragma GCC pop_options
+DOUBLE_LANES_AVX512_END
 #endif
 
 bool surface_lanes_make(SurfaceLanes *s, const float (*pnt)[3], int npnt, const int32_t (*dhk)[3], int ndhk) {

@@ -23,6 +23,18 @@
 #define DOUBLE_LANES_X86 0
 #endif
 
+// Code written for LanesAvx2 (LanesAvx2x2) or LanesAvx512 goes between the
+// BEGIN and END of its level: the instruction set for the compiler, and for
+// AVX-512 GCC 12's warnings turned off that its intrinsics start results
+// from an undefined register and pass vectors the other levels do not have.
+#define DOUBLE_LANES_AVX2_BEGIN _Pragma("GCC push_options") _Pragma("GCC target(\"avx2,fma\")")
+#define DOUBLE_LANES_AVX2_END _Pragma("GCC pop_options")
+#define DOUBLE_LANES_AVX512_BEGIN                                                                        \
+  _Pragma("GCC push_options") _Pragma("GCC target(\"avx512f\")") _Pragma("GCC diagnostic push")          \
+      _Pragma("GCC diagnostic ignored \"-Wuninitialized\"")                                              \
+          _Pragma("GCC diagnostic ignored \"-Wmaybe-uninitialized\"") _Pragma("GCC diagnostic ignored \"-Wpsabi\"")
+#define DOUBLE_LANES_AVX512_END _Pragma("GCC diagnostic pop") _Pragma("GCC pop_options")
+
 // One double.
 struct LanesScalar {
   using T = double;
@@ -66,8 +78,7 @@ struct LanesScalar {
 };
 
 #if DOUBLE_LANES_X86
-#pragma GCC push_options
-#pragma GCC target("avx2,fma")
+DOUBLE_LANES_AVX2_BEGIN
 // Four doubles; masks are lanes of all ones or all zeros.
 struct LanesAvx2 {
   using T = __m256d;
@@ -167,13 +178,9 @@ struct LanesTwice {
 
 // Eight doubles as two vectors of four.
 using LanesAvx2x2 = LanesTwice<LanesAvx2>;
-#pragma GCC pop_options
+DOUBLE_LANES_AVX2_END
 
-// GCC 12's AVX-512 intrinsics start many results from an undefined register
-// and then warn that it is uninitialised when they are inlined; code that
-// uses these lanes turns that warning off the same way.
-#pragma GCC push_options
-#pragma GCC target("avx512f")
+DOUBLE_LANES_AVX512_BEGIN
 // Eight doubles; masks are bit masks.
 struct LanesAvx512 {
   using T = __m512d;
@@ -224,5 +231,5 @@ struct LanesAvx512 {
     return _mm512_castsi512_pd(_mm512_or_si512(m, _mm512_set1_epi64(0x3ff0000000000000ll)));
   }
 };
-#pragma GCC pop_options
+DOUBLE_LANES_AVX512_END
 #endif

@@ -11,26 +11,19 @@ using V = LanesScalar;
 }  // namespace elementary_scalar
 
 #if DOUBLE_LANES_X86
-#pragma GCC push_options
-#pragma GCC target("avx2,fma")
+DOUBLE_LANES_AVX2_BEGIN
 namespace elementary_avx2 {
 using V = LanesAvx2;
 #include "numeric/elementary_body.inc"
 }  // namespace elementary_avx2
-#pragma GCC pop_options
+DOUBLE_LANES_AVX2_END
 
-#pragma GCC push_options
-#pragma GCC target("avx512f")
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wpsabi"
+DOUBLE_LANES_AVX512_BEGIN
 namespace elementary_avx512 {
 using V = LanesAvx512;
 #include "numeric/elementary_body.inc"
 }  // namespace elementary_avx512
-#pragma GCC diagnostic pop
-#pragma GCC pop_options
+DOUBLE_LANES_AVX512_END
 #endif
 
 double elem_atan2(double y, double x) { return elementary_scalar::atan2_lanes(y, x); }
