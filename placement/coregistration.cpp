@@ -16,6 +16,11 @@ LandmarkNames::LandmarkNames() {
   names[INION] = {"Iz", "Inion"};
 }
 
+bool LandmarkNames::landmark_only(const std::string &label) {
+  static const LandmarkNames defaults;
+  return defaults.which(label) >= 0;
+}
+
 int LandmarkNames::which(const std::string &label) const {
   for (int k = 0; k < LANDMARKS; k++)
     for (const std::string &n : names[k])

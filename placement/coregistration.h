@@ -22,6 +22,10 @@ struct LandmarkNames {
   LandmarkNames();
   // Which landmark `label` names, or -1.
   int which(const std::string &label) const;
+  // Whether `label` is one of the default names, which mark points that are
+  // only landmarks; names added by the user may be electrodes as well (an
+  // ear electrode used as LPA).
+  static bool landmark_only(const std::string &label);
 };
 
 // The landmarks of a position file, each found at most once (a second entry

@@ -134,9 +134,12 @@ int run(const ElectrodesOptions &o) {
       fail(o.positions, "", "the file gives directions only (a unit sphere): add --fiducials FILE --scale to size "
                             "and place them, or give their radius' unit with --units");
     std::vector<LabelledPoint> fid;
-    for (const LabelledPoint &p : pos.points) (o.names.which(p.label) >= 0 ? fid : electrodes).push_back(p);
+    for (const LabelledPoint &p : pos.points) {
+      if (o.names.which(p.label) >= 0) fid.push_back(p);
+      if (!LandmarkNames::landmark_only(p.label)) electrodes.push_back(p);
+    }
     say("positions: " + o.positions + ", " + std::to_string(electrodes.size()) + " electrodes, " +
-        std::to_string(fid.size()) + " fiducials, units " + pos.unit_text);
+        std::to_string(fid.size()) + " landmarks, units " + pos.unit_text);
     if (!o.transform.empty()) say("transform: " + o.transform);
     if (!o.fiducials.empty()) {
       const FiducialFit fit = fit_fiducials(fid, o.positions, head.points, o.fiducials, o.names, o.scale);

@@ -74,7 +74,7 @@ TEST(PlacementCommand, WrittenFileGivesBrelixTheHandMadeElectrodes) {
   write_file(dir.file("cap.sfp"), positions_mm(m));
   const ProcResult r = prep(dir, {"--scalp", "sphere.tri", "cap.sfp", "-o", "made.elc"});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("positions: cap.sfp, 5 electrodes, 3 fiducials, units mm (chosen from the extent"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("positions: cap.sfp, 5 electrodes, 3 landmarks, units mm (chosen from the extent"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("5 electrodes written to made.elc; moved 2.00 mm on average, at most 2.00 mm"), std::string::npos) << r.out;
   expect_hand_made(dir.file("made.elc"), 1e-5);
   const ProcResult some = prep(dir, {"--scalp", "sphere.tri", "cap.sfp", "-o", "some.elc", "--labels", "E,cz,A",
@@ -118,6 +118,34 @@ TEST(PlacementCommand, FiducialFitBringsAnotherFrameBack) {
   ASSERT_EQ(r.status, 0) << r.err;
   expect_hand_made(dir.file("fit.elc"), 1e-5);
   EXPECT_NE(r.out.find("rotation 30.000 degrees, scale 1.000000"), std::string::npos) << r.out;
+
+  // The same motion undone by a 4x4 transform acting on millimetres.
+  std::string undo;
+  for (int i = 0; i < 3; i++) {
+    double shift = 0;
+    for (int k = 0; k < 3; k++) shift -= move.r[k][i] * move.t[k];
+    char row[160];
+    snprintf(row, sizeof row, "%.17g %.17g %.17g %.17g\n", move.r[0][i], move.r[1][i], move.r[2][i], shift);
+    undo += row;
+  }
+  write_file(dir.file("undo.txt"), undo + "0 0 0 1\n");
+  r = prep(dir, {"--scalp", "sphere.tri", "cap.csv", "--transform", "undo.txt", "--units", "mm", "-o", "undone.elc"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  expect_hand_made(dir.file("undone.elc"), 1e-5);
+
+  // Directions only, sized and placed by the fit, with electrodes as landmarks.
+  write_file(dir.file("cap.loc"), "1 0 0.4 Fpz\n2 -90 0.4 T7\n3 90 0.4 T8\n4 0 0 Cz\n5 180 0.4 Oz\n");
+  const double y = R * std::sin(0.4 * M_PI), z = R * std::cos(0.4 * M_PI);
+  write_file(dir.file("ten20.txt"), "Fpz 0 " + std::to_string(y) + " " + std::to_string(z) + "\nT7 " +
+                                        std::to_string(-y) + " 0 " + std::to_string(z) + "\nT8 " + std::to_string(y) +
+                                        " 0 " + std::to_string(z) + "\n");
+  r = prep(dir, {"--scalp", "sphere.tri", "cap.loc", "--fiducials", "ten20.txt", "--scale", "--nasion", "Fpz", "--lpa",
+                 "T7", "--rpa", "T8", "-o", "loc.elc"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("scale 0.0900"), std::string::npos) << r.out;
+  const auto loc = read_electrode_file(dir.file("loc.elc"));
+  ASSERT_EQ(loc.size(), 5u);
+  EXPECT_EQ(loc[0].label + loc[3].label, "FpzCz");
 
   // Landmarks on the head 2 mm off: the fit still holds, its residuals say so.
   write_file(dir.file("noisy.txt"), "Nz 0.002 0.09 0\nLPA -0.09 0 -0.002\nRPA 0.09 0.002 0\n");
