@@ -22,6 +22,9 @@ SampleRange checked_range(long first, long last, long samples, const std::string
   return {first, last - first + 1};
 }
 
+// How a marker is named to the user: its text, or its code when it has none.
+std::string marker_name(const Marker &m) { return m.text.empty() && m.code >= 0 ? std::to_string(m.code) : m.text; }
+
 }  // namespace
 
 Span parse_span(const std::string &text, const std::string &what) {
@@ -48,8 +51,9 @@ SampleRange sample_window(Span numbers, long samples, const std::string &file) {
 }
 
 bool marker_matches(const Marker &m, const std::string &wanted) {
+  if (wanted.empty()) return false;  // events without text are not "the marker ''"
   if (m.text == wanted) return true;
-  if (m.code < 0 || wanted.empty()) return false;
+  if (m.code < 0) return false;
   char *end = nullptr;
   long v = strtol(wanted.c_str(), &end, 0);
   return *end == 0 && v == m.code;
@@ -85,7 +89,7 @@ NumericArray average_epochs(const std::vector<const std::vector<double> *> &rows
     if (!marker_matches(m, opts.marker)) continue;
     long first = m.sample + from, last = m.sample + to;
     if (first < 0 || last >= samples)
-      fail(file, "marker '" + m.text + "' at " + seconds_text(m.sample / rate),
+      fail(file, "marker '" + marker_name(m) + "' at " + seconds_text(m.sample / rate),
            "its epoch " + seconds_text(opts.epoch.from) + " to " + seconds_text(opts.epoch.to) + " reaches past the " +
                (first < 0 ? "start" : "end") + " of the recording (" + seconds_text(samples / rate) + ")");
     for (size_t r = 0; r < rows.size(); r++)
@@ -94,7 +98,7 @@ NumericArray average_epochs(const std::vector<const std::vector<double> *> &rows
   }
   if (count == 0) {
     std::set<std::string> names;
-    for (const Marker &m : markers) names.insert(m.text);
+    for (const Marker &m : markers) names.insert(marker_name(m));
     std::string list;
     for (const auto &n : names) list += (list.empty() ? "'" : ", '") + n + "'";
     fail(file, "", "has no marker '" + opts.marker + "'" + (list.empty() ? " (it has no markers at all)" : " (its markers: " + list + ")"));

@@ -9,6 +9,7 @@
 
 #include "matrixio/readtail.h"
 #include "placement/electrode_file.h"
+#include "recordings/selection.h"
 #include "tests/companions/test_recordings_fixtures.h"
 #include "tests/support/process.h"
 #include "tests/support/program.h"
@@ -194,6 +195,19 @@ TEST(RecordingsData, WindowsExclusionAndTables) {
   EXPECT_EQ(rate, 500.0f);
   ASSERT_EQ(m.cols, 3);
   EXPECT_EQ(std::vector<float>(m.values.begin(), m.values.begin() + 6), (std::vector<float>{1.5, 4, 7, 3, 6.25, 9}));
+}
+
+TEST(RecordingsData, MarkersMatchByTextOrByGdfCode) {
+  const Marker gdf{"", 0, 0x300}, annotation{"stim", 0, -1}, numbered{"1", 0, -1};
+  struct Case {
+    const Marker *m;
+    const char *wanted;
+    bool match;
+  };
+  const Case cases[] = {{&gdf, "768", true},        {&gdf, "0x300", true},       {&gdf, "0x301", false},
+                        {&gdf, "", false},          {&annotation, "stim", true}, {&annotation, "Stim", false},
+                        {&annotation, "0", false},  {&numbered, "1", true},      {&numbered, "01", false}};
+  for (const auto &k : cases) EXPECT_EQ(marker_matches(*k.m, k.wanted), k.match) << k.m->text << " / " << k.wanted;
 }
 
 TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
