@@ -58,4 +58,42 @@ if [ -x "$PLOT" ]; then
   "$PLOT" head --head . --electrodes electrodes.elc --view left --width 600 -o head.png
 fi
 
+PREP="$BIN/apps/brelix-prep"
+if [ -x "$PREP" ] && [ -x "$BIN/headmesh" ] && [ -x "$BIN/simulate_recording" ]; then
+  step "6. A head that is no sphere: surfaces made by headmesh, prepared by brelix-prep head"
+  "$BIN/headmesh" -v 642 -p shapes
+  "$PREP" head shapes/scalp.tri shapes/skull.tri shapes/brain.tri --units m --sigma 0.33,0.0042,0.33 -o head2
+  cat head2/geometry.ans
+
+  step "7. A 10-10 layout built on that scalp from four landmarks (brelix-prep electrodes --system 10-10)"
+  # Rough points in front, behind and beside the head: each is moved to its
+  # closest point on the scalp before the arcs are measured.
+  printf 'Nz 0 0.2 0\nIz 0 -0.2 0\nLPA -0.2 0 0\nRPA 0.2 0 0\n' > landmarks.txt
+  "$PREP" electrodes --scalp head2 --system 10-10 --fiducials landmarks.txt --units m -o eeg.elc
+  head -n 4 eeg.elc; echo "..."
+
+  step "8. A recording: 60 epochs of a dipole at 0.025 0.010 0.045 (moment 0 0.5e-8 1e-8), noise 0.2 uV, as EDF+"
+  printf '1\n1 0.025 0.010 0.045\n' > truth2.pos
+  { cat head2/geometry.ans; printf 'eeg.elc\ntruth2.pos\n\ntruth2.mat\n'; } | "$BIN/brelix" > /dev/null
+  "$BIN/simulate_recording" truth2.mat eeg.elc sim.edf --moments 0,0.5e-8,1e-8 --noise 2e-7 \
+    --epochs 60 --marker stim --seed 3
+  ls -l sim.edf
+
+  step "9. Averaged around the markers (brelix-prep data --average stim --epoch 0.06:0.09)"
+  "$PREP" data sim.edf --electrodes eeg.elc --average stim --epoch 0.06:0.09 -o evoked.mat
+  "$BIN/matdump" -n 2 evoked.mat
+
+  step "10. Fitted by brelix: one stationary dipole over the averaged samples"
+  printf '1\n1 0.010 0.000 0.030\n1 position stationary\n' > start2.pos
+  { cat head2/geometry.ans; printf 'eeg.elc\nstart2.pos\nevoked.mat\nfit2.mat\nfitpot2.mat\nfit2.pos\n'; } | "$BIN/brelix"
+  echo "-- fitted (fit2.pos) next to the true dipole (truth2.pos):"
+  head -n 2 fit2.pos | tail -n 1
+  tail -n 1 truth2.pos
+  if [ -x "$PLOT" ]; then
+    "$PLOT" topomap --electrodes eeg.elc --head head2 --data evoked.mat --model fitpot2.mat --sample 8 --no-labels \
+      --dipoles fit2.pos --moments fit2.mat --width 900 -o topomap2.png
+    "$PLOT" dipoles --head head2 --fit fit2.pos --moments fit2.mat --truth truth2.pos --width 900 -o dipoles2.png
+  fi
+fi
+
 step "Done. The files are in $WORK"
