@@ -7,7 +7,11 @@
 #   4. an inverse job: a dipole fitted to simulated data, next to the true one,
 # each scripted by an answer file on standard input, and shows what they wrote;
 # then, when brelix-plot was built, draws the fit (topomap.png, dipoles.png)
-# and the head with its electrodes (head.png).
+# and the head with its electrodes (head.png); and last the way from the
+# files users have to a fit: a non-spherical head through brelix-prep head, a
+# 10-10 layout built on its scalp, a simulated EDF+ recording averaged around
+# its markers, and the fitted dipole next to the true one (topomap2.png,
+# dipoles2.png).
 set -euo pipefail
 BUILD=${1:-build}
 HERE=$(cd "$(dirname "$0")" && pwd)
