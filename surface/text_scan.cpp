@@ -3,6 +3,8 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <string>
 
 #include "cli/failure.h"
 
@@ -54,9 +56,9 @@ bool scan_double(std::string_view &s, double &v) {
   if (!t.empty() && t[0] == '+') t.remove_prefix(1);
   auto r = std::from_chars(t.data(), t.data() + t.size(), v);
   if (r.ec == std::errc::invalid_argument || r.ptr == t.data()) return false;
-  // Out-of-range values are kept as infinities, so that the caller's
-  // finiteness check reports them.
-  if (r.ec == std::errc::result_out_of_range) v = (t[0] == '-') ? -HUGE_VAL : HUGE_VAL;
+  // Out of range: strtod gives an infinity (which the caller's finiteness
+  // check reports) or, for values too small, zero or a subnormal.
+  if (r.ec == std::errc::result_out_of_range) v = strtod(std::string(t.data(), r.ptr).c_str(), nullptr);
   s = t.substr(r.ptr - t.data());
   return true;
 }
@@ -67,7 +69,9 @@ bool scan_long(std::string_view &s, long long &v) {
   if (!t.empty() && t[0] == '+') t.remove_prefix(1);
   auto r = std::from_chars(t.data(), t.data() + t.size(), v);
   if (r.ptr == t.data() || r.ec == std::errc::invalid_argument) return false;
-  if (r.ec == std::errc::result_out_of_range) v = (t[0] == '-') ? INT64_MIN : INT64_MAX;
+  // Out-of-range values become huge but leave room for the small offsets
+  // (index bases) the readers apply, which then cannot overflow.
+  if (r.ec == std::errc::result_out_of_range) v = (t[0] == '-') ? -(1ll << 62) : (1ll << 62);
   s = t.substr(r.ptr - t.data());
   return true;
 }

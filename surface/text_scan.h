@@ -41,7 +41,8 @@ class TextScan {
 
 // Number scanning over a string_view, consuming leading white space and the
 // number; false (and `s` unchanged) when the next token is not a number.
-// Doubles accept an optional leading '+', as C's scanf does.
+// Doubles accept an optional leading '+', as C's scanf does; integers out of
+// the 64-bit range come back as -2^62 or 2^62.
 bool scan_double(std::string_view &s, double &v);
 bool scan_long(std::string_view &s, long long &v);
 // The next white-space separated word ("" at the end).

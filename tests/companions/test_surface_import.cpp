@@ -102,7 +102,8 @@ std::string base64(const std::string &b) {
   std::string out;
   for (size_t i = 0; i < b.size(); i += 3) {
     uint32_t v = (uint8_t)b[i] << 16 | (i + 1 < b.size() ? (uint8_t)b[i + 1] << 8 : 0) | (i + 2 < b.size() ? (uint8_t)b[i + 2] : 0);
-    for (int k = 0; k < 4; k++) out += i * 4 / 3 + k <= (b.size() * 4 + 2) / 3 - (k ? 0 : 0) && (k < 2 || i + k - 1 < b.size()) ? abc[(v >> (18 - 6 * k)) & 63] : '=';
+    // The third and fourth characters exist only for the bytes that do.
+    for (int k = 0; k < 4; k++) out += k < 2 || i + k - 1 < b.size() ? abc[(v >> (18 - 6 * k)) & 63] : '=';
   }
   return out;
 }
