@@ -46,7 +46,7 @@ FiducialFit fit_fiducials(const std::vector<LabelledPoint> &positions, const std
                           const std::vector<LabelledPoint> &head, const std::string &head_file,
                           const LandmarkNames &names, bool with_scale) {
   FiducialFit fit;
-  std::vector<Vec3> from, to;
+  std::vector<Vec3> &from = fit.from, &to = fit.to;
   for (int k = 0; k < LANDMARKS; k++) {
     const auto a = find_landmark(positions, names, (Landmark)k, positions_file);
     const auto b = find_landmark(head, names, (Landmark)k, head_file);

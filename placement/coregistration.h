@@ -37,6 +37,7 @@ struct FiducialFit {
   Similarity transform;               // positions -> head
   std::vector<std::string> used;      // landmark names, in fit order
   std::vector<double> residual;       // distance after the fit, per landmark
+  std::vector<Vec3> from, to;         // the landmark pairs fitted
 };
 
 // The fit of the landmarks in `positions` to the same landmarks in `head`

@@ -25,7 +25,7 @@ std::string format(const char *fmt, double a) {
   return buf;
 }
 
-// A position file in metres; `what` says how its unit was decided.
+// A position file in metres; `unit_text` says how its unit was decided.
 struct Positions {
   std::vector<LabelledPoint> points;
   std::string unit_text;
@@ -39,7 +39,7 @@ Positions read_in_metres(const std::string &path, const std::string &units, cons
     for (LabelledPoint &p : f.points) p.p = apply_affine(a, p.p);
   }
   Positions out;
-  out.unit_sphere = f.unit_sphere && units == "auto";
+  out.unit_sphere = f.unit_sphere;  // directions have no unit
   double scale = 1;
   if (out.unit_sphere) {
     out.unit_text = "directions only (a unit sphere)";
@@ -93,87 +93,81 @@ std::vector<LabelledPoint> select(const std::vector<LabelledPoint> &points, cons
   return out;
 }
 
-int run(const ElectrodesOptions &o) {
-  set_quiet(o.quiet);
-  std::string report;
-  auto say = [&](const std::string &line) { report += line + "\n"; };
+// What the command tells the user, printed when all went well.
+struct Report {
+  std::string text;
+  void say(const std::string &line) { text += line + "\n"; }
+};
 
-  Mesh scalp = read_scalp(o.scalp);
-  if (scalp.triangles.empty()) fail(o.scalp, "", "the scalp has no triangles");
-  const UnitChoice su = choose_units("auto", scalp.vertices, o.scalp);
-  for (Vec3 &v : scalp.vertices) v = su.scale * v;
-  const ScalpLocator locator(scalp);
-  say("scalp: " + o.scalp + ", " + std::to_string(scalp.vertices.size()) + " vertices, " +
-      std::to_string(scalp.triangles.size()) + " triangles, units " + su.describe());
-
-  Positions head;
-  if (!o.fiducials.empty()) head = read_in_metres(o.fiducials, o.units, "");
-  if (head.unit_sphere) fail(o.fiducials, "", "the landmarks on the head need coordinates, not directions");
-
-  std::vector<LabelledPoint> electrodes;
-  const std::string source = o.system.empty() ? o.positions : o.fiducials;
-  if (!o.system.empty()) {
-    LayoutSystem system;
-    if (!parse_layout_system(o.system, system)) usage_fail("--system must be 10-20, 10-10 or 10-5");
-    HeadLandmarks lm;
-    Vec3 *slot[LANDMARKS] = {&lm.nasion, &lm.lpa, &lm.rpa, &lm.inion};
-    for (int k = 0; k < LANDMARKS; k++) {
-      const auto p = find_landmark(head.points, o.names, (Landmark)k, o.fiducials);
-      if (!p) fail(o.fiducials, "", "no " + std::string(landmark_name[k]) + " for --system");
-      *slot[k] = *p;
-    }
-    try {
-      electrodes = build_layout(locator, lm, system);
-    } catch (const std::runtime_error &e) {
-      fail(o.fiducials, "", e.what());
-    }
-    say("layout: " + o.system + " on the scalp, " + std::to_string(electrodes.size()) + " electrodes");
-  } else {
-    Positions pos = read_in_metres(o.positions, o.units, o.transform);
-    if (pos.unit_sphere && !o.scale)
-      fail(o.positions, "", "the file gives directions only (a unit sphere): add --fiducials FILE --scale to size "
-                            "and place them, or give their radius' unit with --units");
-    std::vector<LabelledPoint> fid;
-    for (const LabelledPoint &p : pos.points) {
-      if (o.names.which(p.label) >= 0) fid.push_back(p);
-      if (!LandmarkNames::landmark_only(p.label)) electrodes.push_back(p);
-    }
-    say("positions: " + o.positions + ", " + std::to_string(electrodes.size()) + " electrodes, " +
-        std::to_string(fid.size()) + " landmarks, units " + pos.unit_text);
-    if (!o.transform.empty()) say("transform: " + o.transform);
-    if (!o.fiducials.empty()) {
-      const FiducialFit fit = fit_fiducials(fid, o.positions, head.points, o.fiducials, o.names, o.scale);
-      std::string line = std::string("fiducial fit (rigid") + (o.scale ? ", with scale" : "") + "): residuals";
-      double sum2 = 0;
-      for (size_t i = 0; i < fit.used.size(); i++) {
-        line += " " + fit.used[i] + format(" %.2f mm", 1000 * fit.residual[i]) + (i + 1 < fit.used.size() ? "," : "");
-        sum2 += fit.residual[i] * fit.residual[i];
-      }
-      say(line + format("; rms %.2f mm", 1000 * std::sqrt(sum2 / (double)fit.used.size())));
-      Similarity t = fit.transform;
-      if (o.icp) {
-        std::vector<Vec3> from, to, landmarks_from, landmarks_to;
-        for (const LabelledPoint &e : electrodes) from.push_back(e.p);
-        for (int k = 0; k < LANDMARKS; k++) {
-          const auto a = find_landmark(fid, o.names, (Landmark)k, o.positions);
-          const auto b = find_landmark(head.points, o.names, (Landmark)k, o.fiducials);
-          if (a && b) landmarks_from.push_back(*a), landmarks_to.push_back(*b);
-        }
-        const IcpResult icp = refine_to_scalp(locator, from, t, landmarks_from, landmarks_to);
-        say("icp: " + std::to_string(icp.iterations) + " rounds, mean distance to the scalp" +
-            format(" %.2f mm", 1000 * icp.mean_before) + format(" -> %.2f mm", 1000 * icp.mean_after));
-        t = icp.transform;
-      }
-      say("transform (positions -> head, metres):");
-      report += describe(t, "m");
-      for (LabelledPoint &e : electrodes) e.p = t.apply(e.p);
-    }
+// --system: the layout built on the scalp from the head's landmarks.
+std::vector<LabelledPoint> layout_on_scalp(const ElectrodesOptions &o, const ScalpLocator &locator,
+                                           const Positions &head, Report &report) {
+  LayoutSystem system;
+  if (!parse_layout_system(o.system, system)) usage_fail("--system must be 10-20, 10-10 or 10-5");
+  HeadLandmarks lm;
+  Vec3 *slot[LANDMARKS] = {&lm.nasion, &lm.lpa, &lm.rpa, &lm.inion};
+  for (int k = 0; k < LANDMARKS; k++) {
+    const auto p = find_landmark(head.points, o.names, (Landmark)k, o.fiducials);
+    if (!p) fail(o.fiducials, "", "no " + std::string(landmark_name[k]) + " for --system");
+    *slot[k] = *p;
   }
+  std::vector<LabelledPoint> out;
+  try {
+    out = build_layout(locator, lm, system);
+  } catch (const std::runtime_error &e) {
+    fail(o.fiducials, "", e.what());
+  }
+  report.say("layout: " + o.system + " on the scalp, " + std::to_string(out.size()) + " electrodes");
+  return out;
+}
 
-  electrodes = select(electrodes, o, source);
-  check_labels(electrodes, source);
+// The fiducial fit (and --icp), applied to `electrodes`.
+void fit_to_head(const ElectrodesOptions &o, const ScalpLocator &locator, const std::vector<LabelledPoint> &landmarks,
+                 const Positions &head, std::vector<LabelledPoint> &electrodes, Report &report) {
+  const FiducialFit fit = fit_fiducials(landmarks, o.positions, head.points, o.fiducials, o.names, o.scale);
+  std::string line = std::string("fiducial fit (rigid") + (o.scale ? ", with scale" : "") + "): residuals";
+  double sum2 = 0;
+  for (size_t i = 0; i < fit.used.size(); i++) {
+    line += " " + fit.used[i] + format(" %.2f mm", 1000 * fit.residual[i]) + (i + 1 < fit.used.size() ? "," : "");
+    sum2 += fit.residual[i] * fit.residual[i];
+  }
+  report.say(line + format("; rms %.2f mm", 1000 * std::sqrt(sum2 / (double)fit.used.size())));
+  Similarity t = fit.transform;
+  if (o.icp) {
+    std::vector<Vec3> from;
+    for (const LabelledPoint &e : electrodes) from.push_back(e.p);
+    const IcpResult icp = refine_to_scalp(locator, from, t, fit.from, fit.to);
+    report.say("icp: " + std::to_string(icp.iterations) + " rounds, mean distance to the scalp" +
+               format(" %.2f mm", 1000 * icp.mean_before) + format(" -> %.2f mm", 1000 * icp.mean_after));
+    t = icp.transform;
+  }
+  report.say("transform (positions -> head, metres):");
+  report.text += describe(t, "m");
+  for (LabelledPoint &e : electrodes) e.p = t.apply(e.p);
+}
 
-  // Project, and refuse the electrodes the scalp is too far from.
+// A position file's electrodes in the head's frame.
+std::vector<LabelledPoint> positions_on_head(const ElectrodesOptions &o, const ScalpLocator &locator,
+                                             const Positions &head, Report &report) {
+  const Positions pos = read_in_metres(o.positions, o.units, o.transform);
+  if (pos.unit_sphere && !o.scale)
+    fail(o.positions, "", "the file gives directions only (a unit sphere): add --fiducials FILE --scale to size "
+                          "and place them");
+  std::vector<LabelledPoint> landmarks, electrodes;
+  for (const LabelledPoint &p : pos.points) {
+    if (o.names.which(p.label) >= 0) landmarks.push_back(p);
+    if (!LandmarkNames::landmark_only(p.label)) electrodes.push_back(p);
+  }
+  report.say("positions: " + o.positions + ", " + std::to_string(electrodes.size()) + " electrodes, " +
+             std::to_string(landmarks.size()) + " landmarks, units " + pos.unit_text);
+  if (!o.transform.empty()) report.say("transform: " + o.transform);
+  if (!o.fiducials.empty()) fit_to_head(o, locator, landmarks, head, electrodes, report);
+  return electrodes;
+}
+
+// Each electrode onto its closest scalp point, written unless one is too far.
+void project_and_write(const ElectrodesOptions &o, const ScalpLocator &locator,
+                       const std::vector<LabelledPoint> &electrodes, const std::string &source, Report &report) {
   std::vector<ElectrodeEntry> entries;
   std::string far, table;
   int far_count = 0;
@@ -198,11 +192,35 @@ int run(const ElectrodesOptions &o) {
                          (far_count > 20 ? " and " + std::to_string(far_count - 20) + " more" : ""));
   write_electrode_file(o.output, entries);
 
-  say("electrode   triangle          u          v   moved (mm)");
-  report += table;
-  say(std::to_string(entries.size()) + " electrodes written to " + o.output + format("; moved %.2f mm", sum / (double)entries.size()) +
-      " on average, at most" + format(" %.2f mm", largest) + " (" + largest_label + ")");
-  if (!o.quiet) fputs(report.c_str(), stdout);
+  report.say("electrode   triangle          u          v   moved (mm)");
+  report.text += table;
+  report.say(std::to_string(entries.size()) + " electrodes written to " + o.output +
+             format("; moved %.2f mm", sum / (double)entries.size()) + " on average, at most" +
+             format(" %.2f mm", largest) + " (" + largest_label + ")");
+}
+
+int run(const ElectrodesOptions &o) {
+  set_quiet(o.quiet);
+  Report report;
+  Mesh scalp = read_scalp(o.scalp);
+  if (scalp.triangles.empty()) fail(o.scalp, "", "the scalp has no triangles");
+  const UnitChoice su = choose_units("auto", scalp.vertices, o.scalp);
+  for (Vec3 &v : scalp.vertices) v = su.scale * v;
+  const ScalpLocator locator(scalp);
+  report.say("scalp: " + o.scalp + ", " + std::to_string(scalp.vertices.size()) + " vertices, " +
+             std::to_string(scalp.triangles.size()) + " triangles, units " + su.describe());
+
+  Positions head;
+  if (!o.fiducials.empty()) head = read_in_metres(o.fiducials, o.units, "");
+  if (head.unit_sphere) fail(o.fiducials, "", "the landmarks on the head need coordinates, not directions");
+
+  const std::string source = o.system.empty() ? o.positions : o.fiducials;
+  std::vector<LabelledPoint> electrodes = o.system.empty() ? positions_on_head(o, locator, head, report)
+                                                           : layout_on_scalp(o, locator, head, report);
+  electrodes = select(electrodes, o, source);
+  check_labels(electrodes, source);
+  project_and_write(o, locator, electrodes, source, report);
+  if (!o.quiet) fputs(report.text.c_str(), stdout);
   return 0;
 }
 

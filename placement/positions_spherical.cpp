@@ -33,7 +33,8 @@ PositionFile parse_elp_positions(const std::string &data, const std::string &fil
         continue;
     }
     if (!scan_double(rest, phi)) in.fail_here("expected [type] label theta phi [radius]");
-    if (scan_double(rest, radius)) any_radius = true;
+    // A radius of 1 throughout is a unit sphere, as in .bvef.
+    if (scan_double(rest, radius) && radius != 1) any_radius = true;
     if (!only_space(rest)) in.fail_here("expected [type] label theta phi [radius]");
     if (!std::isfinite(theta) || !std::isfinite(phi) || !std::isfinite(radius) || radius < 0)
       in.fail_here("angles and radius must be finite numbers, the radius not negative");
