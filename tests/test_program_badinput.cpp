@@ -33,6 +33,9 @@ TEST(BadInput, EveryReaderAndWriterEndsCleanlyWithItsMessage) {
   std::vector<float> nan_data = ramp(84), spike(84, 0.0f);
   nan_data[33] = NAN;
   spike[5] = 3e38f;  // finite after the average reference; its square is not
+  TempDir meshes;
+  write_trimesh(meshes.file("inner.tri"), icosphere(1, 0.5), false);
+  const std::string inner = read_file(meshes.file("inner.tri"));
   const struct {
     std::string name, contents;  // a file written beside the model
     std::vector<std::string> args;
@@ -67,6 +70,8 @@ TEST(BadInput, EveryReaderAndWriterEndsCleanlyWithItsMessage) {
       {"zero.mat", matrix_bytes(42, 2, std::vector<float>(84, 2.5f)), {}, TO_DATA + "zero.mat\ns\nsol\n", 1, ERR,
        fatal("The measured data are zero everywhere after the average reference"), ""},
       {"", "", {}, "sphere.tri\n0\n", 1, ERR, "\nConductivity cannot be zero!\n", ""},
+      {"inner.tri", inner, {}, "sphere.tri\n1\ninner.tri\n1e30\n\n\nsrc.pos\n\nout.mat\n", 1, ERR,
+       fatal("The transfer matrix is not finite: a value overflowed single precision, or was 0/0"), ""},
       // Files that cannot be written end the job with status 1 and the
       // system's reason; the -i job learns it before its long work.  "full"
       // is a link to /dev/full, a device that is always full.
