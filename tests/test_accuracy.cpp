@@ -6,15 +6,18 @@
 // the same kind of meshes; 25 % is left for how the icosahedron is placed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 
 #include "forwinv/bmatrix.h"
+#include "geometry/solangle.h"
 #include "forwinv/dipole.h"
 #include "forwinv/forwinv.h"
 #include "forwinv/transfer.h"
 #include "numeric/ludec.h"
 #include "tests/support/analytic.h"
+#include "tests/support/dense_reference.h"
 #include "tests/support/files.h"
 #include "tests/support/g3_mat.h"
 #include "tests/support/h1_model.h"
@@ -123,4 +126,148 @@ TEST(Accuracy, ThreeShellsWithAndWithoutIsolatedSource642) {
   }
   EXPECT_TRUE(file_exists(dir.file("w0.tmp")));
   std::filesystem::current_path(here);
+}
+
+namespace {
+
+// The geometric weights of the same method, built here in double precision
+// from the loaded model (nested shells, no coincident vertices): solid-angle
+// weights summed in double, the own-vertex cone with the ring correction.
+// *size: on output the sums of the absolute values of what went into each
+// entry, the scale of its rounding errors.
+ref::Mat double_geometric_matrix(ref::Mat *size) {
+  const int n = totpnt;
+  ref::Mat a = ref::zeros(n, n);
+  *size = ref::zeros(n, n);
+  std::vector<int> first(ngeo + 1, 0);
+  for (int i = 0; i < ngeo; i++) first[i + 1] = first[i] + geo[i].npnt;
+  for (int i = 0; i < ngeo; i++)
+    for (int k = 0; k < geo[i].npnt; k++) {
+      const int r = first[i] + k;
+      const double x[3] = {geo[i].pnt[k][0], geo[i].pnt[k][1], geo[i].pnt[k][2]};
+      for (int j = 0; j < ngeo; j++) {
+        const Interface &g = geo[j];
+        std::vector<int> ring;
+        double centre[3] = {0, 0, 0};
+        int around = 0;
+        for (int t = 0; t < g.ndhk; t++) {
+          const int32_t *tri = g.dhk[t];
+          const int at = i != j ? -1 : tri[0] == k ? 0 : tri[1] == k ? 1 : tri[2] == k ? 2 : -1;
+          if (at >= 0) {
+            around++;
+            for (int s : {1, 2}) {
+              const int v = tri[(at + s) % 3];
+              for (int c = 0; c < 3; c++) centre[c] += g.pnt[v][c];
+              if (std::find(ring.begin(), ring.end(), v) == ring.end()) ring.push_back(v);
+            }
+            continue;
+          }
+          double y[3][3], w[3];
+          for (int m = 0; m < 3; m++)
+            for (int c = 0; c < 3; c++) y[m][c] = (double)g.pnt[tri[m]][c] - x[c];
+          EXPECT_EQ(solangle(y[0], y[1], y[2], &w[0], &w[1], &w[2], 0.1), 1);
+          for (int m = 0; m < 3; m++) {
+            a[r][first[j] + tri[m]] += w[m] / (2 * M_PI);
+            (*size)[r][first[j] + tri[m]] += std::fabs(w[m]) / (2 * M_PI);
+          }
+        }
+        if (i != j) continue;
+        double mid[3], spread = 0, h2 = 0;
+        for (int c = 0; c < 3; c++) mid[c] = centre[c] / (2.0 * around);
+        for (int v : ring)
+          for (int c = 0; c < 3; c++) spread += (g.pnt[v][c] - mid[c]) * (g.pnt[v][c] - mid[c]);
+        for (int c = 0; c < 3; c++) h2 += (x[c] - mid[c]) * (x[c] - mid[c]);
+        const double rad = std::sqrt(spread / around), q = rad / std::sqrt(rad * rad + h2);
+        const double theta = 2 * std::acos(q);
+        a[r][r] = (*size)[r][r] = theta <= 1e-4 ? theta / 4 : 2 * (1 - q) / theta;
+        double sum = 0;
+        for (int c = first[j]; c < first[j + 1]; c++) sum += a[r][c];
+        for (int v : ring) {
+          a[r][first[j] + v] += (1 - sum) / around;
+          (*size)[r][first[j] + v] += std::fabs(1 - sum) / around;
+        }
+      }
+    }
+  return a;
+}
+
+// a: the geometric weights; on output the system matrix I - C, by the
+// conductivity and deflation transform with the tables b_matrix left
+// (sigma_out, deflat).
+void double_transform(ref::Mat &a) {
+  std::vector<int> first(ngeo + 1, 0);
+  for (int i = 0; i < ngeo; i++) first[i + 1] = first[i] + geo[i].npnt;
+  for (int i = 0; i < ngeo; i++)
+    for (int j = 0; j < ngeo; j++) {
+      const double sin_j = geo[j].sigma_in, sout_j = geo[j].sigma_out;
+      const double scale = (sin_j - sout_j) / ((double)geo[i].sigma_in + geo[i].sigma_out);
+      const double deflation = deflat[i][j] * (sin_j - sout_j) / (sin_j + sout_j) / geo[j].npnt;
+      for (int r = first[i]; r < first[i + 1]; r++)
+        for (int c = first[j]; c < first[j + 1]; c++) a[r][c] = (r == c) - (a[r][c] * scale - deflation);
+    }
+}
+
+}  // namespace
+
+// The single-precision assembly and solution against the same method in
+// double precision on three shells with a poorly conducting skull: the
+// system matrix entry by entry, and the transfer matrix of dipoles at three
+// eccentricities (double solve, the same electrode and reference steps).
+TEST(Accuracy, ThreeShellsAgreeWithDoublePrecision) {
+  std::vector<h1::Surface> s;
+  const double radii[] = {1.0, 0.92, 0.88};
+  const float sigma[] = {1.0f, 0.0125f, 1.0f};
+  for (int i = 0; i < 3; i++) s.push_back({"s" + std::to_string(i), icosphere(2, radii[i]), sigma[i]});
+  h1::load_model(s);
+  iso_sur = -1;
+  nel = geo[0].npnt;
+  std::vector<Electrode> electrodes(nel + 1);
+  for (int e = 1; e <= nel; e++) electrodes[e].index = e;
+  el = electrodes.data();
+  elec_vertex = surfelec = 1;
+  b = matrix(1, totpnt, 1, totpnt);
+  // The geometric weights, each within a few float roundings of what went
+  // into it.
+  h1::stdout_of([] {
+    for (int i = 0; i < ngeo; i++) b_submatrix(i, i);
+    for (int i = 0; i < ngeo; i++)
+      for (int j = 0; j < ngeo; j++)
+        if (i != j) b_submatrix(i, j);
+  });
+  ref::Mat size;
+  ref::Mat a = double_geometric_matrix(&size);
+  double worst = 0;
+  for (int r = 0; r < totpnt; r++)
+    for (int c = 0; c < totpnt; c++)
+      worst = std::max(worst, std::fabs(b[r + 1][c + 1] - a[r][c]) / (size[r][c] + 1e-12));
+  EXPECT_LT(worst, 1e-6);
+  // The system matrix: float roundings of entries up to 1.
+  h1::stdout_of(b_matrix);
+  double_transform(a);
+  worst = 0;
+  for (int r = 0; r < totpnt; r++)
+    for (int c = 0; c < totpnt; c++) worst = std::max(worst, std::fabs(b[r + 1][c + 1] - a[r][c]));
+  EXPECT_LT(worst, 2e-7);
+
+  g3::Mat x(9, totpnt), xd(9, totpnt), t(nel, 9), td(nel, 9);
+  for (int k = 0; k < 3; k++) sphi_dipole(std::array<float, 3>{0, 0, (float)(ECC[k] * 0.88)}.data(), x.a + 3 * k);
+  for (int r = 1; r <= 9; r++) std::copy(&x[r][1], &x[r][1] + totpnt, &xd[r][1]);
+  h1::stdout_of([&] {
+    float cond;
+    ludec(b, totpnt, &cond);
+    sphi2trans(b, nullptr, x, 9, t, 0);
+  });
+  sphi_transform(geo, ngeo, xd, 9);
+  for (int r = 1; r <= 9; r++) {
+    const ref::Vec sol = ref::solve(a, ref::Vec(&xd[r][1], &xd[r][1] + totpnt));
+    for (int c = 0; c < totpnt; c++) xd[r][c + 1] = (float)sol[c];
+  }
+  make_trans(xd, 9, td);
+  for (int col = 1; col <= 9; col++) {
+    double diff = 0, norm = 0;
+    for (int e = 1; e <= nel; e++) diff += std::pow(t[e][col] - td[e][col], 2), norm += std::pow(td[e][col], 2);
+    EXPECT_LT(std::sqrt(diff / norm), 1e-4) << "column " << col;
+  }
+  free_matrix(b, 1, totpnt, 1, totpnt);
+  b = nullptr, el = nullptr;
 }
