@@ -85,6 +85,8 @@ void write_figure(const std::string &path, int width, int height, const DrawFunc
                                           : cairo_pdf_surface_create_for_stream(write_to_file, fp, w, h);
     try {
       check(surface, path);
+      // The same input makes the same bytes: no creation time in the file.
+      if (format == FigureFormat::pdf) cairo_pdf_surface_set_metadata(surface, CAIRO_PDF_METADATA_CREATE_DATE, "");
       draw_on(surface, scale * points_per_pixel, width, height, draw, path);
       cairo_surface_finish(surface);  // the vector formats are written only here
       check(surface, path);
