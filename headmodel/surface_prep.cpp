@@ -24,14 +24,14 @@ SurfaceLog prepare_surface(Mesh &mesh, const SurfaceName &name, const RepairChoi
 
   const std::vector<int> flat = degenerate_triangles(mesh);
   if (!flat.empty()) {
-    const size_t before = mesh.triangles.size();
     const Tri first = mesh.triangles[flat[0]];
     const Vec3 where = mesh.vertices[first[0]];
     if (!remove_degenerate_triangles(mesh))
       fail(name.file, "triangles " + index_list(flat),
            "triangles without area (corners on one line) that could not be removed, the first at " +
                describe_spot(name.frame, where));
-    log.degenerate_removed = (long)(before - mesh.triangles.size());
+    // Counted as found: an edge flip removes one without changing the count.
+    log.degenerate_removed = (long)flat.size();
   }
 
   // brelix needs the right-hand normals inside, i.e. a negative signed volume.

@@ -4,6 +4,7 @@
 // defects that are repaired by default pass.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <regex>
@@ -200,6 +201,46 @@ TEST(HeadCatalogue, CleanHeadPassesAndRepairsGiveTheCleanResult) {
                 fixed_report.find("1 duplicate vertices welded") != std::string::npos)
         << d.name << "\n" << fixed_report;
   }
+}
+
+// Holes, crossings and narrow gaps pass when their repair is asked for.
+TEST(HeadCatalogue, RepairsOnRequest) {
+  const struct {
+    std::string defect, option, done;
+  } cases[] = {
+      {"hole", "--fill-holes", "1 holes filled"},
+      {"surfaces crossing", "--fix-gap", "moved inwards for the gap"},
+      {"surfaces 0.5 mm apart", "--fix-gap", "moved inwards for the gap"},
+  };
+  for (const auto &c : cases) {
+    const auto d = std::find_if(catalogue().begin(), catalogue().end(), [&](const Defect &x) { return x.name == c.defect; });
+    ASSERT_NE(d, catalogue().end());
+    const HeadFiles head([&](int k, TriMesh &m) {
+      if (k == d->layer) d->make(m);
+    });
+    const ProcResult r = head.run({c.option});
+    ASSERT_EQ(r.status, 0) << c.defect << ": " << r.err;
+    const std::string report = read_file(head.dir.file("out/report.txt"));
+    EXPECT_NE(report.find(c.done), std::string::npos) << c.defect << "\n" << report;
+    std::smatch gap;
+    ASSERT_TRUE(std::regex_search(report, gap, std::regex("1_scalp.tri - 2_skull.tri: ([0-9.]+) mm"))) << report;
+    EXPECT_GE(std::stod(gap[1]), 2.0) << c.defect;
+  }
+}
+
+TEST(HeadCatalogue, CommandLine) {
+  const ProcResult help = run_process(BRELIX_PREP_EXE, {"head", "--help"}, "");
+  EXPECT_EQ(help.status, 0);
+  for (const char *option : {"-o", "--units", "--transform", "--sigma", "--isolated", "--no-isolated",
+                             "--min-gap", "--fix-gap", "--fill-holes", "--no-orient", "--no-weld", "--vertices",
+                             "--edge", "--quiet"})
+    EXPECT_NE(help.out.find(std::string("Example: ") + option), std::string::npos) << option;
+  // brelix reads answers of 79 characters at most; a longer one is refused
+  // before anything is read.
+  const HeadFiles head;
+  const ProcResult r = head.run({"-o", std::string(70, 'd')});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("characters long, more than the 79 brelix reads"), std::string::npos) << r.err;
 }
 
 TEST(HeadCatalogue, ReaderRefusalReachesTheUser) {

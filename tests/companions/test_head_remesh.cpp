@@ -79,4 +79,24 @@ TEST(HeadRemesh, FilledHoleClosesTheSurfaceInShape) {
   EXPECT_NEAR(measure_mesh(m).volume / volume, 1.0, 0.01);
 }
 
+// A flat triangle in a closed surface (an edge split on one side only, the
+// gap closed by a triangle with its corners on one line) is removed.
+TEST(HeadRemesh, FlatTriangleRemoved) {
+  Mesh m = head_mesh(3, HEAD_SKULL);
+  const double volume = measure_mesh(m).volume;
+  const Tri t = m.triangles[0];
+  const int a = t[0], b = t[1], c = t[2];
+  const Vec3 &pa = m.vertices[a], &pb = m.vertices[b];
+  const int mid = (int)m.vertices.size();
+  m.vertices.push_back({(pa[0] + pb[0]) / 2, (pa[1] + pb[1]) / 2, (pa[2] + pb[2]) / 2});
+  m.triangles[0] = {a, mid, c};
+  m.triangles.push_back({mid, b, c});
+  m.triangles.push_back({mid, a, b});
+  const SurfaceLog log = prepare_surface(m, name, RepairChoices{});
+  EXPECT_GE(log.degenerate_removed, 1);
+  EXPECT_TRUE(degenerate_triangles(m).empty());
+  EXPECT_TRUE(boundary_loops(m).empty());
+  EXPECT_NEAR(measure_mesh(m).volume / volume, 1.0, 1e-6);
+}
+
 }  // namespace
