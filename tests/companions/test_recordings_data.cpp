@@ -6,11 +6,13 @@
 #include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <regex>
 
 #include "matrixio/readtail.h"
 #include "placement/electrode_file.h"
 #include "recordings/selection.h"
 #include "tests/companions/test_recordings_fixtures.h"
+#include "tests/support/head_fit.h"
 #include "tests/support/process.h"
 #include "tests/support/program.h"
 
@@ -283,6 +285,38 @@ TEST(RecordingsData, SimulatedRecordingAveragesBackToItsSources) {
   ASSERT_EQ(simulate("c.edf", "1e-7", "6").status, 0);
   EXPECT_EQ(read_file(dir.file("a.edf")), read_file(dir.file("b.edf")));
   EXPECT_NE(read_file(dir.file("a.edf")), read_file(dir.file("c.edf")));
+}
+
+// The whole way from a recording to brelix: a forward run with labelled
+// electrodes, a recording simulated from its transfer matrix, averaged by
+// the data command, and brelix's stationary fit of that file finds the
+// dipole again.
+TEST(RecordingsData, BrelixFitsTheAveragedRecording) {
+  TempDir dir;
+  const std::string tools = std::filesystem::path(BRELIX_EXE).parent_path().string();
+  ASSERT_TRUE(write_trimesh(dir.file("sphere.tri"), icosphere(2, 1.0), false));
+  ASSERT_EQ(run_process(tools + "/electrode_layout", {dir.file("sphere.tri"), dir.file("head.elc")}, "").status, 0);
+  const Vec3 truth = {0.2, -0.1, 0.5};
+  write_file(dir.file("true.pos"), headfit::position_file({truth}, ""));
+  ASSERT_EQ(run_brelix(dir.path(), {}, "sphere.tri\n1\n\nhead.elc\ntrue.pos\n\ntrue.mat\n").status, 0);
+  ProcResult r = run_process(tools + "/simulate_recording", {dir.file("true.mat"), dir.file("head.elc"),
+                             dir.file("sim.edf"), "--moments", "0.3,-0.2,1", "--epochs", "4", "--sfreq", "200"}, "");
+  ASSERT_EQ(r.status, 0) << r.err;
+  r = run_data(dir, dir.file("sim.edf"), {"--average", "stim", "--epoch", "0.07:0.08"});
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  write_file(dir.file("start.pos"), headfit::position_file({{0.3, 0, 0.4}}, "1 position stationary\n"));
+  r = run_brelix(dir.path(), {}, "sphere.tri\n1\n\nhead.elc\nstart.pos\nout.mat\nsol.mat\n\nfit.pos\n");
+  ASSERT_EQ(r.status, 0) << r.err;
+  // brelix took the sample frequency from the data file's tail.
+  MatrixFile sol;
+  ASSERT_TRUE(read_matrix_file(dir.file("sol.mat"), sol));
+  EXPECT_EQ(sol.tail.substr(0, 24), "sample frequency\n200 Hz\n");
+  const std::string num = " *(-?[0-9]+\\.[0-9]{4})";
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(r.out, m, std::regex("\nfinal position:  \\(" + num + "," + num + "," + num + "\\)\n")))
+      << r.out;
+  for (int k = 0; k < 3; k++) EXPECT_NEAR(std::stod(m[k + 1]), truth[k], 2e-3);
 }
 
 }  // namespace
