@@ -213,6 +213,12 @@ int run(const ElectrodesOptions &o) {
   Positions head;
   if (!o.fiducials.empty()) head = read_in_metres(o.fiducials, o.units, "");
   if (head.unit_sphere) fail(o.fiducials, "", "the landmarks on the head need coordinates, not directions");
+  // Landmarks on the head lie on or near the scalp; far ones mean a unit or
+  // a frame mixed up, which would otherwise show only as a poor fit.
+  for (const LabelledPoint &p : head.points)
+    if (o.names.which(p.label) >= 0 && locator.closest(p.p).distance > 0.05)
+      fail(o.fiducials, p.place, p.label + " is" + format(" %.0f mm", 1000 * locator.closest(p.p).distance) +
+                                     " from the scalp: are the units (--units) and the frame the head's?");
 
   const std::string source = o.system.empty() ? o.positions : o.fiducials;
   std::vector<LabelledPoint> electrodes = o.system.empty() ? positions_on_head(o, locator, head, report)

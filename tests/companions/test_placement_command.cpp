@@ -181,6 +181,10 @@ TEST(PlacementCommand, BadInputIsRefusedAndNothingWritten) {
       {{"short.elc"}, "short.elc: line 5: the Positions block ends after 2 of 3 positions"},
       {{"cap.xyz"}, "cap.xyz: unknown position format: not .elc .sfp .txt .csv .tsv .elp .bvef .loc .locs, nor rows of label x y z"},
       {{"nofid.sfp", "--fiducials", "head.txt"}, "nofid.sfp: no nasion (a label Nz, Nasion, FidNz; other names with --nasion)"},
+      // Metres read as millimetres: the landmark sits at the centre, 88 mm
+      // from the faces of the 162-vertex sphere.
+      {{"nofid.sfp", "--fiducials", "head.txt", "--units", "mm"},
+       "head.txt: line 1: Nz is 88 mm from the scalp: are the units (--units) and the frame the head's?"},
       {{"--system", "10-20"}, "--system needs --fiducials (nasion, inion, LPA and RPA on the scalp) (see --help)"},
   };
   for (const auto &c : cases) {
