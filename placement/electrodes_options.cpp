@@ -5,7 +5,8 @@
 
 const char *const electrodes_help =
     "usage: brelix-prep electrodes --scalp HEAD POSITIONS -o FILE [options]\n"
-    "       brelix-prep electrodes --scalp HEAD --system 10-20 --fiducials FILE -o FILE [options]\n"
+    "       brelix-prep electrodes --scalp HEAD --system 10-20 --fiducials FILE\n"
+    "                                  -o FILE [options]\n"
     "\n"
     "Places electrodes on the scalp (the outermost surface) and writes them as a\n"
     "brelix electrode file: one line \"<triangle> <u> <v> !label\" per electrode,\n"
@@ -26,7 +27,8 @@ const char *const electrodes_help =
     "  -o, --output FILE   electrode file to write.  Example: -o cap.elc\n"
     "  --units U           unit of every position file given (POSITIONS and\n"
     "                      --fiducials): mm, cm, m, or auto (default: the unit the\n"
-    "                      file states, else chosen from its size).  Example: --units mm\n"
+    "                      file states, else chosen from its size).\n"
+    "                      Example: --units mm\n"
     "  --transform FILE    4x4 affine matrix (rows of four numbers) taking the\n"
     "                      positions, in their own units, into the head's frame.\n"
     "                      Example: --transform digitiser_to_head.txt\n"
@@ -47,17 +49,21 @@ const char *const electrodes_help =
     "                      Example: --lpa A1 --rpa A2\n"
     "  --system S          no position file: build the 10-20, 10-10 or 10-5 layout\n"
     "                      on the scalp itself, from --fiducials, by proportional\n"
-    "                      distances along arcs of the scalp.  Example: --system 10-10\n"
+    "                      distances along arcs of the scalp.\n"
+    "                      Example: --system 10-10\n"
     "  --labels L1,L2,...  write only these electrodes, in this order.\n"
     "                      Example: --labels Fz,Cz,Pz,Oz\n"
     "  --drop L1,L2,...    leave these electrodes out.  Example: --drop EOG1,EOG2\n"
     "  --max-distance MM   refuse electrodes farther than this from the scalp\n"
-    "                      (default 10); the refusal lists them.  Example: --max-distance 15\n"
+    "                      (default 10); the refusal lists them.\n"
+    "                      Example: --max-distance 15\n"
     "  --quiet             no report on standard output.\n"
     "\n"
     "example:\n"
-    "  brelix-prep electrodes --scalp head cap.elc --fiducials head_fid.txt --icp -o cap_on_head.elc\n"
-    "  brelix-prep electrodes --scalp head --system 10-10 --fiducials head_fid.txt -o ten10.elc\n";
+    "  brelix-prep electrodes --scalp head cap.elc --fiducials head_fid.txt --icp \\\n"
+    "      -o cap_on_head.elc\n"
+    "  brelix-prep electrodes --scalp head --system 10-10 --fiducials head_fid.txt \\\n"
+    "      -o ten10.elc\n";
 
 namespace {
 
