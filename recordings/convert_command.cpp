@@ -28,9 +28,10 @@ Formats, by the file's contents for IN and by OUT's name:
   .mat                 MATLAB v5 (or v7.3 with --v73), the array in variable
                        "data" (see --variable) and the matrix file's tail, if
                        any, in the character variable "tail"
-A MATLAB or other non-brelix IN is always converted to a brelix matrix file;
-a brelix matrix IN is converted to OUT's format, a brelix matrix file when
-OUT's name ends in none of the suffixes above.  --to overrides OUT's name.
+OUT is a brelix matrix file when its name ends in none of these suffixes.
+An OUT ending in .mat is a MATLAB file unless IN is one already: then it is
+a brelix matrix file (brelix's matrix files are often named .mat too).
+--to overrides OUT's name.
 
 options:
   --to FORMAT        matrix, csv, tsv, npy or mat: the output's format
@@ -68,13 +69,14 @@ Format input_format(const std::string &path) {
   return Format::Matrix;
 }
 
+// brelix's own matrix files are often named .mat too, so that suffix means
+// MATLAB only when the input is not MATLAB already.
 Format output_format(const std::string &path, Format in) {
   std::string s = lower_suffix(path);
-  if (in != Format::Matrix) return Format::Matrix;
+  if (s == ".mat") return in == Format::Mat ? Format::Matrix : Format::Mat;
   if (s == ".csv") return Format::Csv;
   if (s == ".tsv") return Format::Tsv;
   if (s == ".npy") return Format::Npy;
-  if (s == ".mat") return Format::Mat;
   return Format::Matrix;
 }
 

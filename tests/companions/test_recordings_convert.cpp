@@ -93,6 +93,11 @@ TEST(RecordingsConvert, EveryFormatRoundTripsTheValuesAndMatlabTheTail) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(read_file(dir.file("back.bin")), k.keeps_tail ? original : matrix_bytes(2, 3, VALUES, ""));
   }
+  // ".mat" is MATLAB's, unless the input is MATLAB's already.
+  ASSERT_EQ(prep({"convert", dir.file("m.npy"), dir.file("n.mat")}).status, 0);
+  ASSERT_EQ(prep({"convert", dir.file("n.mat"), dir.file("back.mat")}).status, 0);
+  EXPECT_EQ(read_file(dir.file("n.mat")).substr(0, 6), "MATLAB");
+  EXPECT_EQ(read_file(dir.file("back.mat")), matrix_bytes(2, 3, VALUES, ""));
   // The text and NumPy forms as other programs read them.
   EXPECT_EQ(read_file(dir.file("m.csv")), "1.5,-2,0.25\n0.333333343,-1.00000001e-07,2.99999989e+30\n");
   EXPECT_EQ(read_file(dir.file("m.tsv")).substr(0, 12), "1.5\t-2\t0.25\n");
