@@ -171,6 +171,7 @@ TEST(PlacementCommand, BadInputIsRefusedAndNothingWritten) {
   write_file(dir.file("cap.xyz"), "not a table\n");
   write_file(dir.file("nofid.sfp"), "Fz 0 0 90\nLPA -90 0 0\nRPA 90 0 0\n");
   write_file(dir.file("head.txt"), "Nz 0 0.09 0\nLPA -0.09 0 0\nRPA 0.09 0 0\n");
+  write_file(dir.file("flat.txt"), "Nz 0 0.09 0\nIz 0 0.09 0.001\nLPA -0.09 0 0\nRPA 0.09 0 0\n");
   const struct {
     std::vector<std::string> args;
     std::string message;
@@ -185,6 +186,8 @@ TEST(PlacementCommand, BadInputIsRefusedAndNothingWritten) {
       // from the faces of the 162-vertex sphere.
       {{"nofid.sfp", "--fiducials", "head.txt", "--units", "mm"},
        "head.txt: line 1: Nz is 88 mm from the scalp: are the units (--units) and the frame the head's?"},
+      {{"--system", "10-20", "--fiducials", "flat.txt"},
+       "flat.txt: the landmarks do not span a head: nasion, inion and the ears must be apart"},
       {{"--system", "10-20"}, "--system needs --fiducials (nasion, inion, LPA and RPA on the scalp) (see --help)"},
   };
   for (const auto &c : cases) {
