@@ -86,7 +86,9 @@ int simulate(int argc, char **argv) {
     if (!(t > 0)) usage_fail("--decay must be above 0");
   std::string marker = a.get_or("marker", "stim");
 
-  long samples = std::lround((lead + epochs * spacing) * rate);
+  double length = (lead + epochs * spacing) * rate;
+  if (length * (double)(electrodes.size() + k) > 5e8) usage_fail("the recording would be too long to hold in memory");
+  long samples = std::lround(length);
   std::vector<EdfAnnotation> markers;
   for (long e = 0; e < (long)epochs; e++) markers.push_back({lead + (double)e * spacing, marker});
   // The source time courses, column by column, at every sample.
