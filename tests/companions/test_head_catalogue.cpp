@@ -118,6 +118,30 @@ const std::vector<Defect> &catalogue() {
                       (m.pnt[V][2] + m.pnt[w][2]) / 2};
        },
        "non-manifold edge", 1},
+      {"pinched vertex", HEAD_SKULL, {},
+       [](TriMesh &m) {
+         // A far vertex replaced by V: two fans of triangles meet there.
+         int far = 0;
+         for (size_t u = 0; u < m.pnt.size(); u++)
+           if (distance(m.pnt[u], {m.pnt[V][0], m.pnt[V][1], m.pnt[V][2]}) > 0.05) far = (int)u;
+         for (auto &t : m.dhk)
+           for (int &c : t)
+             if (c == far) c = V;
+         return m.pnt[V];
+       },
+       "non-manifold vertex: 2 separate fans", 1},
+      {"second piece", HEAD_SKULL, {},
+       [](TriMesh &m) {
+         // A small closed tetrahedron beside V, clockwise seen from outside.
+         const int n = (int)m.pnt.size();
+         const Point c = add(m.pnt[V], outward(m.pnt[V]), -0.003);
+         for (const Point &d : {Point{1, 1, 1}, Point{1, -1, -1}, Point{-1, 1, -1}, Point{-1, -1, 1}})
+           m.pnt.push_back(add(c, d, 0.001));
+         for (const auto &t : {std::array<int, 3>{0, 1, 2}, {0, 3, 1}, {0, 2, 3}, {1, 3, 2}})
+           m.dhk.push_back({n + t[0], n + t[1], n + t[2]});
+         return c;
+       },
+       "the surface has 2 separate pieces; the smallest, of 4 vertices", 1},
       {"duplicate vertices", HEAD_SKULL, {"--no-weld"},
        [](TriMesh &m) {
          m.pnt.push_back(m.pnt[V]);
