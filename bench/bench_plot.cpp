@@ -3,11 +3,11 @@
 // through a fitted dipole, each written as a PNG; and the shaded 2x2 head
 // sheet.  Each picture should take well under a second.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
 #include <string>
-#include <unistd.h>
 
 #include "plotting/dipole_sections.h"
 #include "plotting/figure.h"

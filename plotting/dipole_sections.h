@@ -20,14 +20,14 @@ struct SectionDipole {
 };
 
 struct DipoleSections {
-  std::vector<Mesh> surfaces;       // outermost first
-  std::vector<std::string> names;   // one per surface
-  Vec3 cut;                         // the point all three planes pass through
-  size_t focus = 0;                 // the fitted dipole at `cut`
+  std::vector<Mesh> surfaces;      // outermost first
+  std::vector<std::string> names;  // one per surface
+  Vec3 cut;                        // the point all three planes pass through
+  size_t focus = 0;                // the fitted dipole at `cut`
   std::vector<SectionDipole> fitted;
   std::vector<SectionDipole> truths;
   std::string title, subtitle;
-  std::vector<std::string> notes;   // lines printed under the sections
+  std::vector<std::string> notes;  // lines printed under the sections
 };
 
 // One section: the plane x[normal] = cut[normal], seen with world axis `u`

@@ -1,8 +1,9 @@
 #include "plotting/dipoles_command.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdio>
-#include <sys/stat.h>
 
 #include "cli/args.h"
 #include "cli/failure.h"
@@ -46,9 +47,9 @@ const char *help =
     "  brelix-plot dipoles --head head --fit fit.pos --moments fit.mat \\\n"
     "      --truth truth.pos -o dipoles.png\n";
 
-const std::vector<OptionSpec> options = {{"head", true},   {"fit", true},    {"sd", true},
-                                         {"truth", true},  {"moments", true}, {"sample", true},
-                                         {"dipole", true}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+const std::vector<OptionSpec> options = {{"head", true},        {"fit", true},        {"sd", true},     {"truth", true},
+                                         {"moments", true},     {"sample", true},     {"dipole", true}, {"width", true},
+                                         {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 bool exists(const std::string &path) {
   struct stat st;
@@ -86,8 +87,7 @@ DipoleSections sections_from_command_line(int argc, char **argv, std::string &ou
     sd_path = args.get_or("sd", exists(mp + ".sd") ? mp + ".sd" : "");
     if (!sd_path.empty()) {
       MatrixFile m = read_matrix_file(sd_path);
-      if (m.rows != moments->rows || m.cols != moments->cols)
-        fail(sd_path, "", "is not of the shape of " + mp);
+      if (m.rows != moments->rows || m.cols != moments->cols) fail(sd_path, "", "is not of the shape of " + mp);
       sd = fit;
       take_moving_positions(sd, m, sample);
     }
@@ -96,8 +96,8 @@ DipoleSections sections_from_command_line(int argc, char **argv, std::string &ou
     if (!sd_path.empty()) {
       sd = read_position_file(sd_path, false);
       if (sd.size() != fit.size())
-        fail(sd_path, "line 1", std::to_string(sd.size()) + " sources, but " + fit_path + " has " +
-                                    std::to_string(fit.size()));
+        fail(sd_path, "line 1",
+             std::to_string(sd.size()) + " sources, but " + fit_path + " has " + std::to_string(fit.size()));
     }
   }
   double k = args.number("dipole").value_or(1);
@@ -150,7 +150,8 @@ int plot_dipoles(int argc, char **argv) {
   std::string out;
   DipoleSections s = sections_from_command_line(argc, argv, out);
   SectionsLayout layout = sections_layout(s);
-  write_picture(picture_args(argc, argv, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_sections(cr, s, layout); });
+  write_picture(picture_args(argc, argv, options), out, layout.width, layout.height,
+                [&](cairo_t *cr) { draw_sections(cr, s, layout); });
   note("brelix-plot dipoles: wrote " + out);
   return 0;
 }

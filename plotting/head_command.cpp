@@ -44,9 +44,9 @@ const char *help =
     "  brelix-plot head --head head --potentials scalp_forward.mat --sample 3 \\\n"
     "      --view left -o potential.png\n";
 
-const std::vector<OptionSpec> options = {{"head", true},   {"electrodes", true},  {"potentials", true},
-                                         {"sample", true}, {"view", true},        {"unit", true},
-                                         {"no-labels", false}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+const std::vector<OptionSpec> options = {
+    {"head", true}, {"electrodes", true}, {"potentials", true}, {"sample", true},      {"view", true},
+    {"unit", true}, {"no-labels", false}, {"width", true},      {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 }  // namespace
 
@@ -84,9 +84,9 @@ int plot_head(int argc, char **argv) {
     size_t all = 0;
     for (const Mesh &m : h.surfaces) all += m.vertices.size();
     if ((size_t)p.rows != scalp.vertices.size() && (size_t)p.rows != all)
-      fail(*pp, "", "has " + std::to_string(p.rows) + " rows, but the scalp has " +
-                        std::to_string(scalp.vertices.size()) + " vertices (all surfaces: " + std::to_string(all) +
-                        ")");
+      fail(*pp, "",
+           "has " + std::to_string(p.rows) + " rows, but the scalp has " + std::to_string(scalp.vertices.size()) +
+               " vertices (all surfaces: " + std::to_string(all) + ")");
     int col = chosen_sample(args, p, *pp);
     std::vector<double> v(scalp.vertices.size());
     for (size_t i = 0; i < v.size(); i++) v[i] = p.at((int)i, col);

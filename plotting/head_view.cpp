@@ -217,6 +217,7 @@ void draw_head(cairo_t *cr, const HeadPicture &h, const HeadLayout &l) {
   if (!(vmax > 0)) vmax = 1;
   for (size_t i = 0; i < l.cells.size(); i++) draw_cell(cr, h, l, (int)i, normals, vmax);
   if (h.scalp_potential)
-    draw_colour_bar(cr, l.width - bar_width + 20, top_margin + 60, 24, l.height - top_margin - 160, -vmax, vmax,
-                    [](double f) { return diverging_colour(2 * f - 1); }, scale_unit(vmax, h.unit), "potential");
+    draw_colour_bar(
+        cr, l.width - bar_width + 20, top_margin + 60, 24, l.height - top_margin - 160, -vmax, vmax,
+        [](double f) { return diverging_colour(2 * f - 1); }, scale_unit(vmax, h.unit), "potential");
 }

@@ -1,9 +1,10 @@
 #include "plotting/inputs.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdio>
 #include <numeric>
-#include <sys/stat.h>
 
 #include "cli/failure.h"
 #include "cli/progress.h"
@@ -76,8 +77,8 @@ int chosen_sample(const ParsedArgs &args, const MatrixFile &m, const std::string
     if (!f) fail(path, "tail", "no sample frequency recorded: choose the sample with --sample");
     double s = std::round(*t * *f);
     if (!(s >= 0 && s < m.cols))
-      fail(path, "time " + format_number(*t), "outside the recording (" + std::to_string(m.cols) + " samples at " +
-                                                format_number(*f) + " Hz)");
+      fail(path, "time " + format_number(*t),
+           "outside the recording (" + std::to_string(m.cols) + " samples at " + format_number(*f) + " Hz)");
     return (int)s;
   }
   double n = args.number("sample").value_or(1);
@@ -90,8 +91,9 @@ int chosen_sample(const ParsedArgs &args, const MatrixFile &m, const std::string
 
 void check_rows(const MatrixFile &m, const std::string &path, size_t electrodes, const std::string &electrode_file) {
   if ((size_t)m.rows != electrodes)
-    fail(path, "", "has " + std::to_string(m.rows) + " rows, but " + electrode_file + " has " +
-                       std::to_string(electrodes) + " electrodes");
+    fail(path, "",
+         "has " + std::to_string(m.rows) + " rows, but " + electrode_file + " has " + std::to_string(electrodes) +
+             " electrodes");
 }
 
 void check_moment_rows(const MatrixFile &moments, const std::string &path, const std::vector<SourcePosition> &sources) {
@@ -100,9 +102,9 @@ void check_moment_rows(const MatrixFile &moments, const std::string &path, const
   bool moving = !sources.empty() && sources[0].moving;
   if (moving) need += 3 * (int)sources.size();
   if (moments.rows != need)
-    fail(path, "", "has " + std::to_string(moments.rows) + " rows, but the " + std::to_string(sources.size()) +
-                       " source" + (sources.size() == 1 ? "" : "s") + " of the position file need " +
-                       std::to_string(need));
+    fail(path, "",
+         "has " + std::to_string(moments.rows) + " rows, but the " + std::to_string(sources.size()) + " source" +
+             (sources.size() == 1 ? "" : "s") + " of the position file need " + std::to_string(need));
 }
 
 void take_moving_positions(std::vector<SourcePosition> &sources, const MatrixFile &moments, int sample) {

@@ -41,8 +41,9 @@ MatrixFile read_binary(const std::string &path, const std::string &data) {
   m.cols = (int)w[1];
   uint64_t count = (uint64_t)m.rows * m.cols;
   if (count > (data.size() - 8) / 4)
-    fail(path, "byte 8", std::to_string(m.rows) + " x " + std::to_string(m.cols) +
-                             " values announced, but the file holds only " + std::to_string((data.size() - 8) / 4));
+    fail(path, "byte 8",
+         std::to_string(m.rows) + " x " + std::to_string(m.cols) + " values announced, but the file holds only " +
+             std::to_string((data.size() - 8) / 4));
   m.values.resize(count);
   for (uint64_t i = 0; i < count; i++) {
     uint32_t v;
@@ -73,8 +74,8 @@ MatrixFile read_text(const std::string &path, const std::string &data) {
   for (long long i = 0; i < r * c; i++) {
     double v;
     if (!scan_double(rest, v))
-      fail(path, "value " + std::to_string(i + 1), "missing or not a number (row " + std::to_string(i / c + 1) +
-                                                       ", column " + std::to_string(i % c + 1) + ")");
+      fail(path, "value " + std::to_string(i + 1),
+           "missing or not a number (row " + std::to_string(i / c + 1) + ", column " + std::to_string(i % c + 1) + ")");
     m.values.push_back((float)v);
   }
   while (!rest.empty() && rest.front() == '\n') rest.remove_prefix(1);
@@ -87,8 +88,8 @@ MatrixFile read_text(const std::string &path, const std::string &data) {
 MatrixFile read_matrix_file(const std::string &path) {
   std::string data = read_file_bytes(path);
   MatrixFile m = brelix_tri_is_text(data) ? read_text(path, data) : read_binary(path, data);
-  if (m.rows == 0 || m.cols == 0) fail(path, "", "the matrix is empty (" + std::to_string(m.rows) + " x " +
-                                                     std::to_string(m.cols) + ")");
+  if (m.rows == 0 || m.cols == 0)
+    fail(path, "", "the matrix is empty (" + std::to_string(m.rows) + " x " + std::to_string(m.cols) + ")");
   check_finite(path, m);
   return m;
 }

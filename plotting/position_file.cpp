@@ -72,8 +72,9 @@ std::vector<SourcePosition> read_position_file(const std::string &path, bool con
     scan.fail_here(std::to_string(count) + " sources announced, more than the file can hold");
   std::vector<SourcePosition> sources((size_t)count);
   for (auto &s : sources) {
-    if (!scan.next_line(line)) fail(path, "line " + std::to_string(scan.line_number() + 1),
-                                    "the file ends before source " + std::to_string(&s - sources.data() + 1));
+    if (!scan.next_line(line))
+      fail(path, "line " + std::to_string(scan.line_number() + 1),
+           "the file ends before source " + std::to_string(&s - sources.data() + 1));
     long long number;
     double v[5];
     if (!scan_long(line, number) || !scan_double(line, v[0]) || !scan_double(line, v[1]) || !scan_double(line, v[2]))

@@ -25,8 +25,7 @@ std::string fit_text(cairo_t *cr, const std::string &text, double width);
 // The two heading lines of every figure at (x, y): the title (what is
 // shown) in bold and the subtitle (from which files) below it, each in the
 // largest size up to its usual one that fits `width`.
-void draw_heading(cairo_t *cr, double x, double y, double width, const std::string &title,
-                  const std::string &subtitle);
+void draw_heading(cairo_t *cr, double x, double y, double width, const std::string &title, const std::string &subtitle);
 
 // `value` with `digits` significant digits, without trailing zeros or a
 // needless exponent ("0.25", "-1.5e-06", "120").

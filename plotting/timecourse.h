@@ -8,7 +8,7 @@
 #include <vector>
 
 struct MomentTrace {
-  std::string name;          // "x", "y", "z" or "amplitude"
+  std::string name;           // "x", "y", "z" or "amplitude"
   std::vector<double> value;  // one per sample
   std::vector<double> sd;     // one per sample, or empty
 };

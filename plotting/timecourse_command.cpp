@@ -1,7 +1,8 @@
 #include "plotting/timecourse_command.h"
 
-#include <cstdio>
 #include <sys/stat.h>
+
+#include <cstdio>
 
 #include "cli/args.h"
 #include "cli/failure.h"
@@ -40,8 +41,8 @@ const char *help =
     "example:\n"
     "  brelix-plot timecourse --fit fit.mat --sources fit.pos -o moments.png\n";
 
-const std::vector<OptionSpec> options = {{"fit", true},  {"sd", true},          {"sources", true},
-                                         {"unit", true}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+const std::vector<OptionSpec> options = {{"fit", true},   {"sd", true},          {"sources", true},    {"unit", true},
+                                         {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 }  // namespace
 
@@ -57,8 +58,9 @@ int plot_timecourse(int argc, char **argv) {
   if (!sd_path.empty()) {
     sd = read_matrix_file(sd_path);
     if (sd->rows != fit.rows || sd->cols != fit.cols)
-      fail(sd_path, "", "is " + std::to_string(sd->rows) + " x " + std::to_string(sd->cols) + ", but " + fit_path +
-                            " is " + std::to_string(fit.rows) + " x " + std::to_string(fit.cols));
+      fail(sd_path, "",
+           "is " + std::to_string(sd->rows) + " x " + std::to_string(sd->cols) + ", but " + fit_path + " is " +
+               std::to_string(fit.rows) + " x " + std::to_string(fit.cols));
   }
   std::vector<int> rows;
   if (auto sp = args.get("sources")) {

@@ -191,7 +191,8 @@ TopomapLayout topomap_layout(const Topomap &t) {
   // A single map keeps room for the title beside it.
   l.width = (int)std::max(40 + n * panel + bar_width, 700.0);
   l.height = (int)(top_margin + 2 * map_radius + 120);
-  for (int i = 0; i < n; i++) l.centres.push_back({40 + panel_gap / 2 + map_radius + i * panel, top_margin + 50 + map_radius});
+  for (int i = 0; i < n; i++)
+    l.centres.push_back({40 + panel_gap / 2 + map_radius + i * panel, top_margin + 50 + map_radius});
   return l;
 }
 
@@ -234,11 +235,13 @@ void draw_topomap(cairo_t *cr, const Topomap &t, const TopomapLayout &layout) {
   if (t.relative_difference) {
     set_font(cr, 19);
     cairo_set_source_rgb(cr, 0, 0, 0);
-    draw_text(cr, 40, bottom, "relative difference (residual / measured, rms): " +
-                                  format_number(*t.relative_difference, 3));
+    draw_text(cr, 40, bottom,
+              "relative difference (residual / measured, rms): " + format_number(*t.relative_difference, 3));
   }
   ScaledUnit unit = scale_unit(vmax, t.unit);
-  double bx = layout.centres.back()[0] + layout.radius_px + panel_gap / 2 + 30, by = layout.centres[0][1] - layout.radius_px + 10;
-  draw_colour_bar(cr, bx, by, 24, 2 * layout.radius_px - 20, -vmax, vmax,
-                  [](double f) { return diverging_colour(2 * f - 1); }, unit, "potential");
+  double bx = layout.centres.back()[0] + layout.radius_px + panel_gap / 2 + 30,
+         by = layout.centres[0][1] - layout.radius_px + 10;
+  draw_colour_bar(
+      cr, bx, by, 24, 2 * layout.radius_px - 20, -vmax, vmax, [](double f) { return diverging_colour(2 * f - 1); },
+      unit, "potential");
 }

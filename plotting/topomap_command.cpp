@@ -53,9 +53,9 @@ const char *help =
     "      -o topomap.png\n";
 
 const std::vector<OptionSpec> options = {
-    {"electrodes", true}, {"head", true},     {"data", true},      {"model", true},
-    {"sample", true},     {"time", true},     {"dipoles", true},   {"moments", true},
-    {"unit", true},       {"no-labels", false}, {"width", true}, {"output", true, 'o'}, {"quiet", false, 'q'}};
+    {"electrodes", true}, {"head", true},        {"data", true},       {"model", true}, {"sample", true},
+    {"time", true},       {"dipoles", true},     {"moments", true},    {"unit", true},  {"no-labels", false},
+    {"width", true},      {"output", true, 'o'}, {"quiet", false, 'q'}};
 
 // Column `sample` of `m`, less its mean over the electrodes.
 std::vector<double> referenced(const MatrixFile &m, int sample) {
@@ -91,8 +91,8 @@ Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
     MatrixFile model = read_matrix_file(*model_path);
     check_rows(model, *model_path, el.positions.size(), elc);
     if (model.cols != data.cols)
-      fail(*model_path, "", "has " + std::to_string(model.cols) + " samples, but " + data_path + " has " +
-                                std::to_string(data.cols));
+      fail(*model_path, "",
+           "has " + std::to_string(model.cols) + " samples, but " + data_path + " has " + std::to_string(data.cols));
     std::vector<double> m = referenced(model, sample), r(m.size());
     double rr = 0, mm = 0;
     for (size_t e = 0; e < m.size(); e++) {
@@ -112,8 +112,9 @@ Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
       moments = read_matrix_file(*mp);
       check_moment_rows(*moments, *mp, sources);
       if (moments->cols != data.cols && moments->cols != 1)
-        fail(*mp, "", "has " + std::to_string(moments->cols) + " samples, but " + data_path + " has " +
-                          std::to_string(data.cols));
+        fail(*mp, "",
+             "has " + std::to_string(moments->cols) + " samples, but " + data_path + " has " +
+                 std::to_string(data.cols));
     }
     int msample = moments && moments->cols == 1 ? 0 : sample;
     if (sources[0].moving) {
@@ -139,7 +140,8 @@ int plot_topomap(int argc, char **argv) {
   std::string out;
   Topomap t = topomap_from_command_line(argc, argv, out);
   TopomapLayout layout = topomap_layout(t);
-  write_picture(picture_args(argc, argv, options), out, layout.width, layout.height, [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
+  write_picture(picture_args(argc, argv, options), out, layout.width, layout.height,
+                [&](cairo_t *cr) { draw_topomap(cr, t, layout); });
   note("brelix-plot topomap: wrote " + out);
   return 0;
 }

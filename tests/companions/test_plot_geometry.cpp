@@ -91,7 +91,9 @@ TEST(PlotTicks, RoundStepsThroughZeroAndPrefixesThatFit) {
     double lo, hi;
     int count;
     std::vector<double> ticks;
-  } cases[] = {{-1, 1, 4, {-1, -0.5, 0, 0.5, 1}}, {0, 7, 3, {0, 5}}, {-0.03, 0.03, 6, {-0.03, -0.02, -0.01, 0, 0.01, 0.02, 0.03}}};
+  } cases[] = {{-1, 1, 4, {-1, -0.5, 0, 0.5, 1}},
+               {0, 7, 3, {0, 5}},
+               {-0.03, 0.03, 6, {-0.03, -0.02, -0.01, 0, 0.01, 0.02, 0.03}}};
   for (const auto &c : cases) {
     auto t = nice_ticks(c.lo, c.hi, c.count);
     ASSERT_EQ(t.size(), c.ticks.size()) << c.lo << ".." << c.hi;
@@ -103,7 +105,10 @@ TEST(PlotTicks, RoundStepsThroughZeroAndPrefixesThatFit) {
     const char *unit;
     double factor;
     const char *scaled;
-  } units[] = {{2e-6, "V", 1e6, "µV"}, {0.4, "V", 1e3, "mV"}, {12, "V", 1, "V"}, {3e-9, "A·m", 1e9, "nA·m"},
+  } units[] = {{2e-6, "V", 1e6, "µV"},
+               {0.4, "V", 1e3, "mV"},
+               {12, "V", 1, "V"},
+               {3e-9, "A·m", 1e9, "nA·m"},
                {0.4, "a.u.", 1, "a.u."}};
   for (const auto &u : units) {
     ScaledUnit s = scale_unit(u.magnitude, u.unit);

@@ -55,8 +55,8 @@ struct Scene {
 
 std::vector<std::string> command(const std::string &which, const std::string &out) {
   if (which == "topomap")
-    return {"topomap", "--electrodes", "e.elc", "--data", "d.mat", "--model", "d.mat", "--dipoles", "fit.pos",
-            "--moments", "fit.mat", "--sample", "2", "-o", out};
+    return {"topomap", "--electrodes", "e.elc",   "--data",   "d.mat", "--model", "d.mat", "--dipoles",
+            "fit.pos", "--moments",    "fit.mat", "--sample", "2",     "-o",      out};
   if (which == "dipoles") return {"dipoles", "--head", ".", "--fit", "fit.pos", "--truth", "truth.pos", "-o", out};
   if (which == "timecourse") return {"timecourse", "--fit", "fit.mat", "--sources", "fit.pos", "-o", out};
   return {"head", "--head", ".", "--electrodes", "e.elc", "--potentials", "scalp.mat", "--view", "left", "-o", out};
@@ -129,7 +129,8 @@ TEST(PlotProgram, BadInputIsRefusedWithStatusTwoAndNoPicture) {
       {{"topomap", "--electrodes", "e.elc", "--data", "d.mat", "--time", "0.004", "-o", "out/x.png"},
        "d.mat: time 0.004: outside the recording"},
       {{"dipoles", "--head", "empty", "--fit", "fit.pos", "-o", "out/x.png"}, "empty/geometry.ans"},
-      {{"head", "--head", ".", "--potentials", "d.mat", "-o", "out/x.png"}, "d.mat: has 20 rows, but the scalp has 162"},
+      {{"head", "--head", ".", "--potentials", "d.mat", "-o", "out/x.png"},
+       "d.mat: has 20 rows, but the scalp has 162"},
       {{"timecourse", "--fit", "d.mat", "--sources", "fit.pos", "-o", "out/x.png"}, "d.mat: has 20 rows, but the 1"},
       {{"dipoles", "--head", ".", "--fit", "fit.pos", "-o", "missing/x.png"}, "missing/x.png"},
       {{"head", "--head", ".", "-o", "out/x.jpg"}, "must end in .png, .svg or .pdf"},

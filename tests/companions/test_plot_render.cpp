@@ -85,9 +85,9 @@ TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResid
   write_file(dir.file("e.elc"), elc);
   write_matrix(dir.file("d.mat"), (int)chosen.size(), 2, data, "sample frequency\n100 Hz\n");
 
-  Topomap t = build(topomap_from_command_line, {"topomap", "--electrodes", dir.file("e.elc"), "--head", scalp, "--data",
-                                                dir.file("d.mat"), "--model", dir.file("d.mat"), "--time", "0.01",
-                                                "-o", dir.file("t.png")});
+  Topomap t = build(topomap_from_command_line,
+                    {"topomap", "--electrodes", dir.file("e.elc"), "--head", scalp, "--data", dir.file("d.mat"),
+                     "--model", dir.file("d.mat"), "--time", "0.01", "-o", dir.file("t.png")});
   ASSERT_EQ(t.panels.size(), 3u);
   ASSERT_TRUE(t.relative_difference);
   EXPECT_EQ(*t.relative_difference, 0);
@@ -125,17 +125,15 @@ TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
   write_file(dir.file("geometry.ans"), dir.file("brain.tri") + "\n0.33\n\n");
   const Vec3 dip{0.03, -0.02, 0.04};
   write_file(dir.file("fit.pos"), "1\n1 0.03 -0.02 0.04\n");
-  DipoleSections s = build(sections_from_command_line, {"dipoles", "--head", dir.path(), "--fit", dir.file("fit.pos"),
-                                                        "-o", dir.file("s.png")});
+  DipoleSections s = build(sections_from_command_line,
+                           {"dipoles", "--head", dir.path(), "--fit", dir.file("fit.pos"), "-o", dir.file("s.png")});
   SectionsLayout l = sections_layout(s);
   Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_sections(cr, s, l); }));
   double line_rgb[3];
   surface_line_colour(0, 1, line_rgb);
 
   // Each panel: which world axes run right and up on the picture.
-  const struct {
-    int panel, right, up;
-  } panels[] = {{0, 0, 1}, {1, 0, 2}, {2, 1, 2}};
+  const struct { int panel, right, up; } panels[] = {{0, 0, 1}, {1, 0, 2}, {2, 1, 2}};
   for (const auto &c : panels) {
     const SectionPanel &P = l.panels[c.panel];
     std::vector<std::array<double, 2>> line, marker;
@@ -235,9 +233,9 @@ TEST(PlotSections, MovingDipolesStandWhereTheSolutionPutsThemAtTheSample) {
   std::vector<float> m;
   for (int r = 0; r < 12; r++) m.insert(m.end(), {0.01f * r, 0.01f * r + 0.005f});
   write_matrix(dir.file("fit.mat"), 12, 2, m, "");
-  DipoleSections s = build(sections_from_command_line, {"dipoles", "--head", dir.path(), "--fit", dir.file("start.pos"),
-                                                        "--moments", dir.file("fit.mat"), "--sample", "2", "--dipole",
-                                                        "2", "-o", dir.file("s.png")});
+  DipoleSections s = build(sections_from_command_line,
+                           {"dipoles", "--head", dir.path(), "--fit", dir.file("start.pos"), "--moments",
+                            dir.file("fit.mat"), "--sample", "2", "--dipole", "2", "-o", dir.file("s.png")});
   ASSERT_EQ(s.fitted.size(), 2u);
   for (int k = 0; k < 2; k++)
     for (int c = 0; c < 3; c++) EXPECT_FLOAT_EQ(s.fitted[k].position[c], m[(6 + 3 * k + c) * 2 + 1]);
