@@ -52,6 +52,8 @@ const char *help =
     "      --data data.mat --model fitpot.mat --dipoles fit.pos --moments fit.mat \\\n"
     "      -o topomap.png\n";
 
+constexpr size_t max_electrodes = 1024;
+
 const std::vector<OptionSpec> options = {
     {"electrodes", true}, {"head", true},        {"data", true},       {"model", true}, {"sample", true},
     {"time", true},       {"dipoles", true},     {"moments", true},    {"unit", true},  {"no-labels", false},
@@ -74,6 +76,11 @@ Topomap topomap_from_command_line(int argc, char **argv, std::string &out) {
   out = output_path(args);
   std::string elc = required(args, "electrodes"), data_path = required(args, "data");
   PlacedElectrodes el = place_electrodes(elc, head_of_electrodes(args, elc));
+  // The spline couples every electrode with every other: its system grows
+  // with the cube of their number, and no cap has this many.
+  if (el.positions.size() > max_electrodes)
+    fail(elc, "line 1", std::to_string(el.positions.size()) + " electrodes; a topography takes at most " +
+                            std::to_string(max_electrodes));
 
   MatrixFile data = read_matrix_file(data_path);
   check_rows(data, data_path, el.positions.size(), elc);
