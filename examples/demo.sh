@@ -72,7 +72,7 @@ if [ -x "$PREP" ] && [ -x "$BIN/headmesh" ] && [ -x "$BIN/simulate_recording" ];
   step "7. A 10-10 layout built on that scalp from four landmarks (brelix-prep electrodes --system 10-10)"
   # Rough points in front, behind and beside the head: each is moved to its
   # closest point on the scalp before the arcs are measured.
-  printf 'Nz 0 0.2 0\nIz 0 -0.2 0\nLPA -0.2 0 0\nRPA 0.2 0 0\n' > landmarks.txt
+  printf 'Nz 0 0.11 0\nIz 0 -0.12 0\nLPA -0.08 0 0\nRPA 0.08 0 0\n' > landmarks.txt
   "$PREP" electrodes --scalp head2 --system 10-10 --fiducials landmarks.txt --units m -o eeg.elc
   head -n 4 eeg.elc; echo "..."
 
