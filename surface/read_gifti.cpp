@@ -127,6 +127,8 @@ class Decoder {
     std::string_view s = text;
     long long v;
     if (!scan_long(s, v) || !only_space(s) || v < 0) bad("Dim0 \"" + text + "\" is not a count");
+    // Vertex numbers are 32-bit; the bound also keeps 3 * Dim0 * size exact.
+    if (v > INT32_MAX) bad("Dim0 " + text + " is more than a surface can have");
     return v;
   }
 

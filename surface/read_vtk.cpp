@@ -4,6 +4,7 @@
 // classic "n i1 .. in" lists and the OFFSETS / CONNECTIVITY arrays of
 // version 5 files.
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "cli/failure.h"
@@ -134,6 +135,7 @@ ImportedSurface read_vtk(std::string_view data, const std::string &file) {
   for (std::string_view key = t.next(); !key.empty(); key = t.next()) {
     if (key == "POINTS") {
       nv = t.integer("point count");
+      if (nv < 0 || nv > INT32_MAX) t.fail_here("point count " + std::to_string(nv) + " is not a surface's");
       std::string type(t.next());
       in.begin(3 * nv, type, "point");
       out.reserve((size_t)nv, 0);
