@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -112,17 +113,29 @@ int prep_head(int argc, char **argv) {
   const std::string answers = geometry_answers(o, file_names);
 
   const std::vector<SurfaceName> names = read_surfaces(o, report);
-  note(std::string("checking") + (o.remesh.empty() ? "" : " and remeshing") + " the surfaces");
-  in_parallel(names.size(), [&](size_t k) {
-    PreparedSurface &s = report.surfaces[k];
-    s.log = prepare_surface(s.mesh, names[k], o.repair);
-    s.before = measure_mesh(s.mesh);
-    if (!o.remesh.empty()) {
-      remesh_surface(s.mesh, o.remesh[k]);
-      check_self_intersection(s.mesh, names[k]);
-      s.remeshed = true;
-    }
-  });
+  {
+    // Two steps a surface (checks, remeshing), counted as the threads finish them.
+    const long steps = (long)names.size() * (o.remesh.empty() ? 1 : 2);
+    Progress progress(o.remesh.empty() ? "checking the surfaces" : "checking and remeshing the surfaces", steps);
+    std::mutex progress_lock;
+    long done = 0;
+    auto step_done = [&] {
+      std::lock_guard<std::mutex> hold(progress_lock);
+      progress.update(++done);
+    };
+    in_parallel(names.size(), [&](size_t k) {
+      PreparedSurface &s = report.surfaces[k];
+      s.log = prepare_surface(s.mesh, names[k], o.repair);
+      s.before = measure_mesh(s.mesh);
+      step_done();
+      if (!o.remesh.empty()) {
+        remesh_surface(s.mesh, o.remesh[k]);
+        check_self_intersection(s.mesh, names[k]);
+        s.remeshed = true;
+        step_done();
+      }
+    });
+  }
   if (o.fix_gap) make_gaps(o, report, names);
   for (size_t k = 1; k < names.size(); k++) {
     note("checking " + names[k - 1].file + " against " + names[k].file);
