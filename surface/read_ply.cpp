@@ -1,6 +1,8 @@
 // PLY, ASCII and binary in either byte order: a header declares elements
 // with scalar and list properties; the vertices' x, y, z and the faces'
 // vertex index lists are taken, every other element and property skipped.
+#include <cmath>
+#include <cstdio>
 #include <vector>
 
 #include "cli/failure.h"
@@ -181,7 +183,11 @@ ImportedSurface read_ply(std::string_view data, const std::string &file) {
           continue;
         }
         double n = in.scalar(p.count_type, [&] { return what() + " count"; });
-        if (!(n >= 0 && n <= MAX_CORNERS)) fail(file, in.place(), what() + " has a list of " + std::to_string((long long)n) + " entries");
+        if (!(n >= 0 && n <= MAX_CORNERS && n == std::floor(n))) {
+          char count[32];
+          snprintf(count, sizeof count, "%g", n);
+          fail(file, in.place(), what() + " has a list of " + count + " entries");
+        }
         if ((int)k == ilist && is_face) idx.clear();
         for (long long j = 0; j < (long long)n; j++) {
           double v = in.scalar(p.type, what);
