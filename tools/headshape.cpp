@@ -43,6 +43,17 @@ TriMesh head_layer(int level, HeadLayer layer) {
   return mesh;
 }
 
+Mesh as_mesh(const TriMesh &t) {
+  Mesh m;
+  m.vertices.reserve(t.pnt.size());
+  m.triangles.reserve(t.dhk.size());
+  for (auto &p : t.pnt) m.vertices.push_back({p[0], p[1], p[2]});
+  for (auto &d : t.dhk) m.triangles.push_back({d[0], d[1], d[2]});
+  return m;
+}
+
+Mesh head_layer_mesh(int level, HeadLayer layer) { return as_mesh(head_layer(level, layer)); }
+
 bool write_head(const std::string &dir, int level, bool isolated) {
   std::string ans;
   for (int k = 0; k < HEAD_LAYERS; k++) {

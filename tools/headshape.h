@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "surface/mesh.h"
 #include "tools/icosphere.h"
 
 enum HeadLayer { HEAD_SCALP = 0, HEAD_SKULL = 1, HEAD_BRAIN = 2 };
@@ -27,6 +28,11 @@ extern const double head_layer_sigma[HEAD_LAYERS];
 // 3: 642, 4: 2562, 5: 10242, 6: 40962), triangles clockwise seen from
 // outside as brelix needs them.  Deterministic.
 TriMesh head_layer(int level, HeadLayer layer);
+
+// The same surface as the companion programs hold it (double coordinates).
+Mesh head_layer_mesh(int level, HeadLayer layer);
+// Any generated mesh in that form: vertices and triangles in the same order.
+Mesh as_mesh(const TriMesh &t);
 
 // Write DIR/scalp.tri, DIR/skull.tri, DIR/brain.tri (brelix text triangle
 // files) and DIR/geometry.ans (the files as DIR/NAME, their conductivities

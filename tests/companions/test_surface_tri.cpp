@@ -13,13 +13,6 @@
 
 namespace {
 
-Mesh to_mesh(const TriMesh &t) {
-  Mesh m;
-  for (auto &p : t.pnt) m.vertices.push_back({p[0], p[1], p[2]});
-  for (auto &f : t.dhk) m.triangles.push_back({f[0], f[1], f[2]});
-  return m;
-}
-
 void expect_same(const Mesh &a, const Mesh &b) {
   ASSERT_EQ(a.vertices.size(), b.vertices.size());
   ASSERT_EQ(a.triangles, b.triangles);
@@ -52,7 +45,7 @@ const int32_t TET_TRI[] = {0, 1, 2, 0, 3, 1, 0, 2, 3, 1, 3, 2};
 
 TEST(BrelixTri, WrittenTextReadsBackExactlyAndMatchesBinaryAndShortForms) {
   TempDir dir;
-  Mesh head = to_mesh(head_layer(2, HEAD_SKULL));
+  Mesh head = head_layer_mesh(2, HEAD_SKULL);
   write_brelix_tri_file(dir.file("a.tri"), head);
   expect_same(read_brelix_tri(dir.file("a.tri")), head);
 
@@ -114,7 +107,7 @@ TEST(HeadDir, ReadsGeneratedHeadAndResolvesBareNamesBesideTheAnswers) {
     EXPECT_EQ(head[k].file, dir.file(std::string(head_layer_name[k]) + ".tri"));
     EXPECT_EQ(head[k].sigma, head_layer_sigma[k]);
     EXPECT_EQ(head[k].isolated, k == HEAD_BRAIN);
-    expect_same(head[k].mesh, to_mesh(head_layer(2, (HeadLayer)k)));
+    expect_same(head[k].mesh, head_layer_mesh(2, (HeadLayer)k));
   }
   // Names without a folder are found beside geometry.ans; an empty
   // conductivity answer is brelix's default 1.
@@ -122,7 +115,7 @@ TEST(HeadDir, ReadsGeneratedHeadAndResolvesBareNamesBesideTheAnswers) {
   head = read_head_dir(dir.file("other.ans"));
   ASSERT_EQ(head.size(), 1u);
   EXPECT_EQ(head[0].sigma, 1.0);
-  expect_same(read_scalp(dir.path()), to_mesh(head_layer(2, HEAD_SCALP)));
+  expect_same(read_scalp(dir.path()), head_layer_mesh(2, HEAD_SCALP));
 
   struct Case {
     const char *answers, *message;
@@ -159,7 +152,7 @@ double solid_angle(const Vec3 &p, const Vec3 &a, const Vec3 &b, const Vec3 &c) {
 
 TEST(HeadShape, NestedInwardOrientedMirrorSymmetricAndNotASphere) {
   Mesh layer[3];
-  for (int k = 0; k < 3; k++) layer[k] = to_mesh(head_layer(3, (HeadLayer)k));
+  for (int k = 0; k < 3; k++) layer[k] = head_layer_mesh(3, (HeadLayer)k);
   for (int k = 0; k < 3; k++) {
     const Mesh &m = layer[k];
     EXPECT_EQ(m.vertices.size(), 642u);
