@@ -84,22 +84,24 @@ ImportedSurface read_stl_ascii(std::string_view data, const std::string &file) {
   long facets = 0;
   bool in_loop = false, ended = false;
   while (in.next_line(line)) {
+    // Keywords in any case: some exporters write them in capitals.
     std::string_view key = scan_word(line);
-    if (key == "vertex") {
+    auto is = [&](std::string_view word) { return key.size() == word.size() && starts_with_nocase(key, word); };
+    if (is("vertex")) {
       double v[3];
       if (!in_loop) in.fail_here("vertex outside an \"outer loop\"");
       if (!scan_double(line, v[0]) || !scan_double(line, v[1]) || !scan_double(line, v[2]))
         in.fail_here("vertex needs three coordinates");
       loop.push_back((int)out.vertex_count());
       out.vertex_at(v[0], v[1], v[2], [&] { return in.place(); });
-    } else if (key == "outer") {
+    } else if (is("outer")) {
       in_loop = true;
       loop.clear();
-    } else if (key == "endloop") {
+    } else if (is("endloop")) {
       if (!in_loop) in.fail_here("\"endloop\" without \"outer loop\"");
       in_loop = false;
       out.face_at(loop.data(), (int)loop.size(), (long long)out.vertex_count(), ++facets, 0, [&] { return in.place(); });
-    } else if (key == "endsolid") {
+    } else if (is("endsolid")) {
       ended = true;
       break;
     }

@@ -142,14 +142,15 @@ std::string gifti(const TriMesh &m, const std::string &enc) {
          array("NIFTI_INTENT_TRIANGLE", "NIFTI_TYPE_INT32", m.dhk.size(), rt, tt) + "</GIFTI>\n";
 }
 
+// Keywords in capitals, as some exporters write them.
 std::string stl_ascii(const TriMesh &m) {
   std::string s = "solid head\n";
   for (auto &t : m.dhk) {
-    s += "  facet normal 0 0 0\n    outer loop\n";
-    for (int i : t) s += "      vertex " + xyz(m.pnt[i]) + "\n";
-    s += "    endloop\n  endfacet\n";
+    s += "  FACET NORMAL 0 0 0\n    OUTER LOOP\n";
+    for (int i : t) s += "      VERTEX " + xyz(m.pnt[i]) + "\n";
+    s += "    ENDLOOP\n  ENDFACET\n";
   }
-  return s + "endsolid head\n";
+  return s + "ENDSOLID head\n";
 }
 
 std::string brelix_file(const TriMesh &m, bool binary) {
