@@ -68,13 +68,16 @@ void check_edf_header(const std::string &path) {
     fclose(f);
     fail(path, "header", "its header length is not 256 bytes more than 256 per signal");
   }
-  // The header is text; BioSig reads its fields as C strings.
+  // The header is text, which BioSig reads as C strings: a control byte
+  // (a NUL above all) cuts a field short.  Bytes above 127 are let through;
+  // some programs write "µV" in Latin-1.
   head.resize((size_t)bytes);
   n += fread(head.data() + 256, 1, head.size() - 256, f);
   fclose(f);
   if (n < head.size()) fail(path, "header", "cut short");
   for (size_t k = 1; k < head.size(); k++)
-    if (head[k] < 32 || head[k] > 126) fail(path, "header", "byte " + std::to_string(k) + " is not a printable character");
+    if ((unsigned char)head[k] < 32 || head[k] == 127)
+      fail(path, "header", "byte " + std::to_string(k) + " is a control character");
   h = head.data();
   if (memcmp(h + 192, "EDF+", 4) != 0 && memcmp(h + 192, "BDF+", 4) != 0) return;
   std::string recording(h + 88, 80);
