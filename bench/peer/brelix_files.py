@@ -76,7 +76,7 @@ def read_electrode_points(path, vertices, triangles):
     first interface: vertex electrodes, or triangle electrodes at
     (1 - u - v) a + u b + v c."""
     with open(path) as f:
-        lines = [line for line in f.read().split("\n")]
+        lines = f.read().split("\n")
     n = int(lines[0].split()[0])
     points, labels = [], []
     for k, line in enumerate(lines[1:1 + n]):

@@ -14,11 +14,25 @@ DATA = os.path.join(os.path.dirname(mne.__file__), "data", "fsaverage")
 MONTAGE = os.path.join(os.path.dirname(mne.__file__), "channels", "data", "montages", "standard_1020.elc")
 SKULL_THICKNESS = 0.006   # m, where the scalp leaves room for it
 MIN_SCALP = 0.0035        # m of scalp kept above the outer skull
+# The template's inner skull, dense or reduced, crosses itself in the folds
+# at the skull base (brelix-prep head refuses it); five rounds of smoothing
+# undo the folds, moving no vertex by more than a millimetre.
+TAUBIN_STEPS = 5
 
 
 def _surface(name):
     surf = mne.read_bem_surfaces(os.path.join(DATA, name))[0]
     return dict(rr=surf["rr"].astype(np.float64), tris=surf["tris"].astype(np.int64))
+
+
+def _taubin(vertices, neighbours, steps):
+    """Taubin's smoothing: a shrinking and an inflating Laplacian step in
+    turn, which flattens spikes and folds without shrinking the whole."""
+    for _ in range(steps):
+        for weight in (0.5, -0.53):
+            mean = np.array([vertices[n].mean(axis=0) for n in neighbours])
+            vertices = vertices + weight * (mean - vertices)
+    return vertices
 
 
 def _ray_distance(origins, directions, vertices, triangles):
@@ -46,7 +60,8 @@ def _ray_distance(origins, directions, vertices, triangles):
 def surfaces():
     """(scalp, outer skull, inner skull) as (vertices in metres, triangles
     turning counter-clockwise seen from outside), and the dense inner skull
-    that depths are measured against.
+    that depths are measured against.  The inner skull is smoothed first
+    (TAUBIN_STEPS).
 
     The outer skull moves each inner-skull vertex away from the inner
     skull's centroid rather than along its normal: normals converge in the
@@ -59,6 +74,9 @@ def surfaces():
     scalp = _surface("fsaverage-head.fif")
     dense = _surface("fsaverage-inner_skull-bem.fif")
     inner = complete_surface_info(_ico_downsample(dict(dense), 4), do_neighbor_vert=True, verbose=False)
+    neighbours = [list(n) for n in inner["neighbor_vert"]]
+    inner["rr"] = _taubin(inner["rr"], neighbours, TAUBIN_STEPS)
+    inner = complete_surface_info(inner, verbose=False)
     centre = inner["rr"].mean(axis=0)
     radial = inner["rr"] - centre
     r0 = np.linalg.norm(radial, axis=1)
@@ -66,7 +84,6 @@ def surfaces():
     slope = np.maximum(np.einsum("ij,ij->i", radial, inner["nn"]), 0.5)
     limit = _ray_distance(inner["rr"], radial, scalp["rr"], scalp["tris"]) - MIN_SCALP
     r = r0 + np.minimum(SKULL_THICKNESS / slope, limit)
-    neighbours = [list(n) for n in inner["neighbor_vert"]]
     for _ in range(3):
         r = np.maximum(r, [r[n].mean() for n in neighbours])
     r = np.minimum(r, r0 + limit)

@@ -31,17 +31,14 @@ class Head:
 
 def build(build_dir, work, timings):
     """Prepares the head, runs both programs' forward computations; returns
-    a Head.  Adds the seconds of every step to `timings`, and the names of
-    steps done here instead of by brelix-prep to `timings["done here"]`."""
+    a Head.  Adds the seconds of every step to `timings`."""
     head = Head()
     head.folder = folder = os.path.join(work, "realistic")
     os.makedirs(folder, exist_ok=True)
     meshes, dense = fsaverage_head.surfaces()
-    names, sigmas, seconds = prepare.head_model(build_dir, folder, meshes, SIGMA_OUTSIDE_IN)
-    _record(timings, "brelix-prep head", seconds)
-    seconds = prepare.electrodes(build_dir, folder, names[0], fsaverage_head.MONTAGE, fsaverage_head.fiducials_mm(),
-                                 EXCLUDE)
-    _record(timings, "brelix-prep electrodes", seconds)
+    names, sigmas, timings["brelix-prep head"] = prepare.head_model(build_dir, folder, meshes, SIGMA_OUTSIDE_IN)
+    timings["brelix-prep electrodes"] = prepare.electrodes(build_dir, folder, fsaverage_head.MONTAGE,
+                                                           fsaverage_head.fiducials_mm(), EXCLUDE)
     prepared = [brelix_files.read_tri(os.path.join(folder, n)) for n in names]
     head.vertices = [len(v) for v, _ in prepared]
     head.electrodes, head.labels = brelix_files.read_electrode_points(os.path.join(folder, "electrodes.elc"),
@@ -65,13 +62,6 @@ def build(build_dir, work, timings):
     for step, seconds in steps.items():
         timings["MNE " + step] = seconds
     return head
-
-
-def _record(timings, step, seconds):
-    if seconds is None:
-        timings.setdefault("done here", []).append(step)
-    else:
-        timings[step] = seconds
 
 
 def compare(head):

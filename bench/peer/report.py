@@ -9,6 +9,7 @@ import numpy as np
 
 import dipole_fits
 import fsaverage_head
+import realistic
 import spheres
 
 
@@ -91,20 +92,18 @@ def results(m, sphere_rows, sphere_times, head, head_rows, head_times, fit_rows,
                        " | ".join(_mag(r) for r in cells) + " |")
         out.append("")
 
-    done_here = head_times.get("done here", [])
     out += ["## Realistic head: brelix against MNE-Python", "",
-            "MNE-Python's template head: its scalp, its inner skull reduced to a fourth-order icosphere, and an "
-            "outer skull made by the benchmark (inner skull moved outwards by about %.0f mm, keeping at least "
-            "%.1f mm of scalp above it); %s vertices (scalp, skull, brain), exported as FreeSurfer surfaces and "
-            "prepared by `brelix-prep head`; the %d electrodes of the 10-20 montage file MNE ships (less aliases "
-            "and ear/mastoid points) placed on the scalp by `brelix-prep electrodes` from the template's "
-            "fiducials. The peer gets the meshes and electrode positions brelix reads. %d sources at each depth "
-            "below the inner skull, three moment directions each." %
-            (1000 * fsaverage_head.SKULL_THICKNESS, 1000 * fsaverage_head.MIN_SCALP,
-             "/".join(str(n) for n in head.vertices), len(head.labels), len(head.sources) // 6), ""]
-    if done_here:
-        out += ["**Note:** the brelix-prep used lacked %s; the benchmark did that step itself (plain conversion, "
-                "rigid fit to the fiducials, closest-point projection)." % " and ".join(done_here), ""]
+            "MNE-Python's template head: its scalp, its inner skull reduced to a fourth-order icosphere and "
+            "smoothed (the template's inner skull crosses itself in the folds of the skull base, which "
+            "`brelix-prep head` refuses; %d rounds of Taubin smoothing, no vertex moved by more than a "
+            "millimetre, undo that), and an outer skull made by the benchmark (the inner skull moved outwards by "
+            "about %.0f mm, keeping at least %.1f mm of scalp above it); %s vertices (scalp, skull, brain), "
+            "exported as FreeSurfer surfaces and prepared by `brelix-prep head`. The %d electrodes of the 10-20 "
+            "montage file MNE ships (less aliases and ear/mastoid points) are placed by `brelix-prep electrodes "
+            "--icp` from the template's fiducials. The peer gets the meshes and electrode positions brelix "
+            "reads. %d sources at each depth below the inner skull, three moment directions each." %
+            (fsaverage_head.TAUBIN_STEPS, 1000 * fsaverage_head.SKULL_THICKNESS, 1000 * fsaverage_head.MIN_SCALP,
+             "/".join(str(n) for n in head.vertices), len(head.labels), realistic.PER_DEPTH), ""]
     out += ["| depth | RDM brelix | MAG brelix | RDM brelix isolated | MAG brelix isolated |", "|---:|---:|---:|---:|---:|"]
     depths = [r["depth"] for r in head_rows if r["program"] == "brelix"]
     for d in depths:
