@@ -3,17 +3,12 @@
 #include <map>
 
 #include "cli/failure.h"
+#include "recordings/text_lists.h"
 
 namespace {
 
 bool ends_with(const std::string &s, const std::string &end) {
   return s.size() >= end.size() && s.compare(s.size() - end.size(), end.size(), end) == 0;
-}
-
-std::string join(const std::vector<std::string> &items) {
-  std::string out;
-  for (const auto &s : items) out += (out.empty() ? "" : ", ") + s;
-  return out;
 }
 
 }  // namespace
@@ -56,6 +51,6 @@ ChannelMatch match_channels(const std::vector<std::string> &electrodes, const st
   std::vector<std::string> missing;
   for (size_t e = 0; e < electrodes.size(); e++)
     if (m.channel[e] < 0) missing.push_back(electrodes[e]);
-  if (!missing.empty()) fail(recording, "", "has no channel for electrode" + std::string(missing.size() > 1 ? "s " : " ") + join(missing));
+  if (!missing.empty()) fail(recording, "", "has no channel for electrode" + std::string(missing.size() > 1 ? "s " : " ") + join(missing, ", "));
   return m;
 }

@@ -13,6 +13,7 @@
 #include "recordings/matrix_file.h"
 #include "recordings/recording_reader.h"
 #include "recordings/selection.h"
+#include "recordings/text_lists.h"
 
 namespace {
 
@@ -73,23 +74,6 @@ double unit_factor(const std::string &unit, const std::string &option) {
   usage_fail(option + ": '" + unit + "' is none of V, mV, uV");
 }
 
-std::vector<std::string> split_list(const std::string &text) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  while (true) {
-    size_t comma = text.find(',', start);
-    out.push_back(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
-    if (comma == std::string::npos) return out;
-    start = comma + 1;
-  }
-}
-
-std::string join(const std::vector<std::string> &items, const char *sep) {
-  std::string out;
-  for (const auto &s : items) out += (out.empty() ? "" : sep) + s;
-  return out;
-}
-
 void check_combinations(const ParsedArgs &a) {
   bool times = a.has("tmin") || a.has("tmax");
   if (a.positional.size() != 1) usage_fail("give exactly one recording");
@@ -111,7 +95,7 @@ std::vector<ElectrodeEntry> kept_electrodes(const ParsedArgs &a, const std::stri
       fail(path, "electrode " + std::to_string(e + 1), "has no label to match a channel by");
   std::vector<bool> drop(all.size(), false);
   for (const auto &list : a.values.count("exclude") ? a.values.at("exclude") : std::vector<std::string>{})
-    for (const auto &label : split_list(list)) {
+    for (const auto &label : split_commas(list)) {
       bool found = false;
       for (size_t e = 0; e < all.size(); e++)
         if (canonical_label(all[e].label) == canonical_label(label)) drop[e] = found = true;
@@ -122,12 +106,6 @@ std::vector<ElectrodeEntry> kept_electrodes(const ParsedArgs &a, const std::stri
     if (!drop[e]) kept.push_back(all[e]);
   if (kept.empty()) usage_fail("--exclude leaves no electrode");
   return kept;
-}
-
-std::string seconds(double s) {
-  char b[32];
-  snprintf(b, sizeof b, "%g", s);
-  return b;
 }
 
 }  // namespace
@@ -149,7 +127,7 @@ int prep_data(int argc, char **argv) {
   if (a.get_or("unit", "V") == "mV") usage_fail("--unit: brelix data are written in V or uV");
 
   RecordingOptions ropts;
-  if (a.has("labels")) ropts.labels = split_list(*a.get("labels"));
+  if (a.has("labels")) ropts.labels = split_commas(*a.get("labels"));
   ropts.variable = a.get_or("variable", "");
   if (a.has("sfreq")) {
     ropts.sample_rate = *a.number("sfreq");
@@ -183,9 +161,9 @@ int prep_data(int argc, char **argv) {
     long epochs = 0;
     data = average_epochs(rows, rec.markers, eo, rec.sample_rate, rec.samples, recording_path, &epochs);
     note("averaged " + std::to_string(epochs) + " epochs around marker '" + eo.marker + "'");
-    selection = "epochs\n" + std::to_string(epochs) + " around marker '" + eo.marker + "', " + seconds(eo.epoch.from) +
-                " to " + seconds(eo.epoch.to) + " s" +
-                (eo.baseline ? ", baseline " + seconds(eo.baseline->from) + " to " + seconds(eo.baseline->to) + " s" : "") +
+    selection = "epochs\n" + std::to_string(epochs) + " around marker '" + eo.marker + "', " + seconds_text(eo.epoch.from) +
+                " to " + seconds_text(eo.epoch.to) + " s" +
+                (eo.baseline ? ", baseline " + seconds_text(eo.baseline->from) + " to " + seconds_text(eo.baseline->to) + " s" : "") +
                 "\n";
   } else {
     SampleRange range{0, rec.samples};

@@ -6,14 +6,9 @@
 
 #include "cli/args.h"
 #include "cli/failure.h"
+#include "recordings/text_lists.h"
 
 namespace {
-
-std::string seconds_text(double s) {
-  char b[32];
-  snprintf(b, sizeof b, "%g s", s);
-  return b;
-}
 
 SampleRange checked_range(long first, long last, long samples, const std::string &what, const std::string &file) {
   if (first < 0 || last >= samples)
@@ -21,6 +16,8 @@ SampleRange checked_range(long first, long last, long samples, const std::string
   if (last < first) fail(file, "", what + " holds no sample");
   return {first, last - first + 1};
 }
+
+std::string secs(double s) { return seconds_text(s) + " s"; }
 
 // How a marker is named to the user: its text, or its code when it has none.
 std::string marker_name(const Marker &m) { return m.text.empty() && m.code >= 0 ? std::to_string(m.code) : m.text; }
@@ -40,7 +37,7 @@ SampleRange time_window(Span seconds, double rate, long samples, const std::stri
   // times the rate comes out a hair off an integer.
   long first = (long)std::ceil(seconds.from * rate - 1e-9);
   long last = (long)std::floor(seconds.to * rate + 1e-9);
-  return checked_range(first, last, samples, "the window " + seconds_text(seconds.from) + " to " + seconds_text(seconds.to), file);
+  return checked_range(first, last, samples, "the window " + secs(seconds.from) + " to " + secs(seconds.to), file);
 }
 
 SampleRange sample_window(Span numbers, long samples, const std::string &file) {
@@ -89,9 +86,9 @@ NumericArray average_epochs(const std::vector<const std::vector<double> *> &rows
     if (!marker_matches(m, opts.marker)) continue;
     long first = m.sample + from, last = m.sample + to;
     if (first < 0 || last >= samples)
-      fail(file, "marker '" + marker_name(m) + "' at " + seconds_text(m.sample / rate),
-           "its epoch " + seconds_text(opts.epoch.from) + " to " + seconds_text(opts.epoch.to) + " reaches past the " +
-               (first < 0 ? "start" : "end") + " of the recording (" + seconds_text(samples / rate) + ")");
+      fail(file, "marker '" + marker_name(m) + "' at " + secs(m.sample / rate),
+           "its epoch " + secs(opts.epoch.from) + " to " + secs(opts.epoch.to) + " reaches past the " +
+               (first < 0 ? "start" : "end") + " of the recording (" + secs(samples / rate) + ")");
     for (size_t r = 0; r < rows.size(); r++)
       for (long k = 0; k < sum.cols; k++) sum.values[r * (size_t)sum.cols + (size_t)k] += (*rows[r])[(size_t)(first + k)];
     count++;
