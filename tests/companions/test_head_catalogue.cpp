@@ -252,6 +252,25 @@ TEST(HeadCatalogue, RepairsOnRequest) {
   }
 }
 
+// With --transform, a defect is located both in the file's own frame and in
+// the transformed one.
+TEST(HeadCatalogue, SpotInBothFrames) {
+  Point hole{};
+  const HeadFiles head([&](int k, TriMesh &m) {
+    if (k == HEAD_SKULL) hole = catalogue()[0].make(m);
+  });
+  // Turned a quarter about z, then moved 2 cm along x.
+  write_file(head.dir.file("frame.txt"), "0 -1 0 0.02\n1 0 0 0\n0 0 1 0\n0 0 0 1\n");
+  const ProcResult r = head.run({"--transform", "frame.txt"});
+  EXPECT_EQ(r.status, 2);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(r.err, m, std::regex("\\(([-0-9.e]+), ([-0-9.e]+), ([-0-9.e]+)\\) m in the file"))) << r.err;
+  EXPECT_LT(distance(hole, {std::stod(m[1]), std::stod(m[2]), std::stod(m[3])}), 0.003) << r.err;
+  const auto moved = spot_in(r.err);
+  ASSERT_TRUE(moved);
+  EXPECT_LT(distance({float(0.02 - hole[1]), hole[0], hole[2]}, *moved), 0.003) << r.err;
+}
+
 TEST(HeadCatalogue, CommandLine) {
   const ProcResult help = run_process(BRELIX_PREP_EXE, {"head", "--help"}, "");
   EXPECT_EQ(help.status, 0);
