@@ -42,6 +42,12 @@ TEST(HeadFreeSurfer, MillimetresOutwardGiveTheHandMadeTransferMatrix) {
   TempDir dir;
   const char *const names[HEAD_LAYERS] = {"outer_skin.surf", "outer_skull.surf", "inner_skull.surf"};
   for (int k = 0; k < HEAD_LAYERS; k++) write_file(dir.file(names[k]), freesurfer_bytes(head_layer(3, (HeadLayer)k), 1000));
+  // Refused as it stands when flipping is not allowed.
+  const ProcResult strict = run_process(
+      BRELIX_PREP_EXE, {"head", names[0], names[1], names[2], "-o", "fs", "--quiet", "--no-orient"}, "", dir.path());
+  EXPECT_EQ(strict.status, 2);
+  EXPECT_EQ(strict.err.rfind("brelix-prep head: outer_skin.surf: all triangles: the triangles turn counter-clockwise", 0), 0u)
+      << strict.err;
   const ProcResult prep = run_process(
       BRELIX_PREP_EXE, {"head", names[0], names[1], names[2], "-o", "fs", "--quiet"}, "", dir.path());
   ASSERT_EQ(prep.status, 0) << prep.err;
