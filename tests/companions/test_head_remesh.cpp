@@ -32,9 +32,11 @@ TEST(HeadRemesh, FineSurfaceToTargetKeepsVolumeAndAngles) {
       {3, {0, 0.006}, 1500, 4000},  // 642 vertices refined to 6 mm edges
   };
   for (const auto &c : cases) {
-    Mesh m = head_mesh(c.level, HEAD_SCALP);
+    Mesh m = head_mesh(c.level, HEAD_SCALP), again = m;
     const MeshQuality before = measure_mesh(m);
     remesh_surface(m, c.target);
+    remesh_surface(again, c.target);
+    EXPECT_TRUE(m.vertices == again.vertices && m.triangles == again.triangles) << "same input, same result";
     const MeshQuality after = measure_mesh(m);
     EXPECT_GE((long)m.vertices.size(), c.low) << c.level;
     EXPECT_LE((long)m.vertices.size(), c.high) << c.level;
