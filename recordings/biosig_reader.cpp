@@ -50,7 +50,8 @@ Header open_recording(const std::string &path) {
     fail(path, "header", "cannot be read as a recording (" + biosig_reason(h.get()) + ")");
   // BioSig leaves a data file it could not open (a BrainVision .eeg that is
   // missing) for sread to trip over.
-  if (!h->FILE.FID && !h->FILE.gzFID) fail(path, "", "its data file cannot be opened");
+  // (Only the handle of the kind in use is set; the other is left as it was.)
+  if (h->FILE.COMPRESSION ? !h->FILE.gzFID : !h->FILE.FID) fail(path, "", "its data file cannot be opened");
   // BrainVision states no length; a data file that ends inside a sample has
   // lost its end, which BioSig would silently drop.
   struct stat st;

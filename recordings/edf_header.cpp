@@ -1,5 +1,7 @@
 #include "recordings/edf_header.h"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -47,6 +49,24 @@ void check_edf_header(const std::string &path) {
     if ((unsigned char)head[k] < 32 || head[k] == 127)
       fail(path, "header", "byte " + std::to_string(k) + " is a control character");
   h = head.data();
+  // Data records the header announces but the file does not hold: BioSig
+  // reads EDF+ annotations from them before looking.
+  long records = header_count(h + 236, 8);
+  if (records < 0 && std::string(h + 236, 8) != "-1      ")
+    fail(path, "header", "the number of data records '" + std::string(h + 236, 8) + "' is not a count");
+  long long record_bytes = 0;
+  int sample_bytes = h[0] == '0' ? 2 : 3;
+  for (long k = 0; k < ns; k++) {
+    long spr = header_count(h + 256 + 216 * ns + 8 * k, 8);
+    if (spr < 0) fail(path, "header", "signal " + std::to_string(k + 1) + " has no number of samples per record");
+    record_bytes += (long long)spr * sample_bytes;
+  }
+  struct stat st;
+  if (records >= 0 && stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+      (long long)records * record_bytes > (long long)st.st_size - bytes)
+    fail(path, "data", "cut short: the header announces " + std::to_string(records) + " data records of " +
+                           std::to_string(record_bytes) + " bytes, the file holds " +
+                           std::to_string((long long)st.st_size - bytes) + " bytes of data");
   if (memcmp(h + 192, "EDF+", 4) != 0 && memcmp(h + 192, "BDF+", 4) != 0) return;
   std::string recording(h + 88, 80);
   if (recording.compare(0, 10, "Startdate ") != 0) return;

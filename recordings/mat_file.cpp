@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -115,6 +116,9 @@ NumericArray read_mat_variable(const std::string &path, const std::string &name)
     fail(path, "variable " + wanted, "is not a real two-dimensional numeric array");
   if (!known_type(v->data_type) || (!v->data && v->dims[0] * v->dims[1] > 0))
     fail(path, "variable " + wanted, "holds numbers of a kind that cannot be read");
+  // matio may hand out fewer bytes than the dimensions call for.
+  if (v->data_size <= 0 || v->nbytes / (size_t)v->data_size < v->dims[0] * v->dims[1])
+    fail(path, "variable " + wanted, "holds fewer numbers than its dimensions say");
   NumericArray a;
   a.rows = (long)v->dims[0];
   a.cols = (long)v->dims[1];
@@ -130,8 +134,9 @@ std::string read_mat_text(const std::string &path, const std::string &name) {
   MatVar v(Mat_VarRead(m.get(), name.c_str()));
   if (!v || v->class_type != MAT_C_CHAR || !v->data) return "";
   if (v->rank != 2 || !v->dims) return "";
-  size_t n = v->dims[0] * v->dims[1];
   bool wide = v->data_type == MAT_T_UINT16 || v->data_type == MAT_T_UTF16 || v->data_type == MAT_T_INT16;
+  // No more characters than the bytes matio handed out hold.
+  size_t n = std::min(v->dims[0] * v->dims[1], v->nbytes / (wide ? 2 : 1));
   std::string text;
   for (size_t k = 0; k < n; k++) {
     unsigned code = wide ? ((const uint16_t *)v->data)[k] : ((const uint8_t *)v->data)[k];
