@@ -45,6 +45,7 @@ Header open_recording(const std::string &path) {
   if (!probe) fail(path, "", std::string("cannot open: ") + strerror(errno));
   fclose(probe);
   check_edf_header(path);
+  check_gdf_header(path);
   Header h(sopen(path.c_str(), "r", nullptr));
   if (!h || biosig_check_error(h.get()) || h->NS == 0 || h->SPR == 0 || h->NRec <= 0 || !(h->SampleRate > 0))
     fail(path, "header", "cannot be read as a recording (" + biosig_reason(h.get()) + ")");
@@ -52,9 +53,15 @@ Header open_recording(const std::string &path) {
   // missing) for sread to trip over.
   // (Only the handle of the kind in use is set; the other is left as it was.)
   if (h->FILE.COMPRESSION ? !h->FILE.gzFID : !h->FILE.FID) fail(path, "", "its data file cannot be opened");
+  // Records the header announces but the file does not hold would have sread
+  // allocate for them and read past the end.
+  struct stat st;
+  if (h->FILE.FID && !h->FILE.COMPRESSION && fstat(fileno(h->FILE.FID), &st) == 0 && S_ISREG(st.st_mode) &&
+      (double)h->HeadLen + (double)h->NRec * (double)h->AS.bpb > (double)st.st_size)
+    fail(path, "data", "cut short: holds " + std::to_string(st.st_size) + " bytes, its header announces " +
+                           std::to_string(h->NRec) + " data records of " + std::to_string(h->AS.bpb) + " bytes");
   // BrainVision states no length; a data file that ends inside a sample has
   // lost its end, which BioSig would silently drop.
-  struct stat st;
   if (h->FILE.FID && h->AS.bpb > 0 && (h->TYPE == BrainVision || h->TYPE == BrainVisionVAmp) &&
       fstat(fileno(h->FILE.FID), &st) == 0 && st.st_size >= (off_t)h->HeadLen &&
       ((size_t)st.st_size - h->HeadLen) % h->AS.bpb != 0)
@@ -80,7 +87,8 @@ double volt_scale(const std::string &path, const CHANNEL_TYPE &c, double unitles
   }
   if ((c.PhysDimCode & 0xffe0) != VOLT_CODE)
     fail(path, std::string("channel ") + c.Label,
-         std::string("holds '") + PhysDim3(c.PhysDimCode) + "', not a voltage");
+         std::string("holds '") + (PhysDim3(c.PhysDimCode) ? PhysDim3(c.PhysDimCode) : "an unknown unit") +
+             "', not a voltage");
   return PhysDimScale(c.PhysDimCode);
 }
 

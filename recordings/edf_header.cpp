@@ -82,3 +82,52 @@ void check_edf_header(const std::string &path) {
   if (!well_formed)
     fail(path, "header", "the start date '" + date + "' of the recording field is neither dd-MMM-yyyy nor X");
 }
+
+void check_gdf_header(const std::string &path) {
+  FILE *f = fopen(path.c_str(), "rb");
+  if (!f) return;
+  unsigned char h[256];
+  size_t n = fread(h, 1, sizeof h, f);
+  struct stat st;
+  bool sized = fstat(fileno(f), &st) == 0 && S_ISREG(st.st_mode);
+  fclose(f);
+  if (n < 3 || memcmp(h, "GDF", 3) != 0) return;
+  if (n < sizeof h) fail(path, "header", "cut short");
+  if (h[3] != ' ' || !isdigit(h[4]) || h[5] != '.' || !isdigit(h[6]) || !isdigit(h[7]) || h[4] < '1' || h[4] > '3')
+    fail(path, "header", "the version '" + std::string((const char *)h, 8) + "' is none of GDF 1.xx to 3.xx");
+  auto le = [&](size_t at, int bytes) {
+    unsigned long long v = 0;
+    for (int k = bytes - 1; k >= 0; k--) v = v << 8 | h[at + (size_t)k];
+    return v;
+  };
+  // Version 1 counts header bytes in 8 bytes, later versions 256-byte blocks
+  // in 2; either way the fixed part and one 256-byte block per signal.
+  unsigned long long signals = h[4] == '1' ? le(252, 4) : le(252, 2);
+  unsigned long long bytes = h[4] == '1' ? le(184, 8) : 256 * le(184, 2);
+  if (signals < 1 || bytes < 256 * (signals + 1))
+    fail(path, "header", "its header length is too short for its " + std::to_string(signals) + " signals");
+  if (sized && bytes > (unsigned long long)st.st_size) fail(path, "header", "cut short");
+  if (h[4] == '1') return;
+  // Version 2 and later: after the signal blocks, tagged fields up to the
+  // header's end (1 byte tag, 3 bytes length, the value; tag 0 ends them).
+  // BioSig follows each length, and reads the texts of tags 1, 2, 3, 6 and 7
+  // up to their terminating NUL, without a check.
+  FILE *g = fopen(path.c_str(), "rb");
+  if (!g) return;
+  std::string head((size_t)bytes, '\0');
+  size_t got = fread(head.data(), 1, head.size(), g);
+  fclose(g);
+  if (got < head.size()) fail(path, "header", "cut short");
+  for (size_t at = 256 * (size_t)(signals + 1); at + 4 <= head.size();) {
+    unsigned tag = (unsigned char)head[at];
+    if (tag == 0) break;
+    size_t len = (unsigned char)head[at + 1] | (size_t)(unsigned char)head[at + 2] << 8 |
+                 (size_t)(unsigned char)head[at + 3] << 16;
+    if (len > head.size() - at - 4)
+      fail(path, "header", "tag " + std::to_string(tag) + " at byte " + std::to_string(at) + " runs past the header");
+    bool text = tag == 1 || tag == 2 || tag == 3 || tag == 6 || tag == 7;
+    if (text && (len == 0 || head[at + 4 + len - 1] != '\0'))
+      fail(path, "header", "the text of tag " + std::to_string(tag) + " at byte " + std::to_string(at) + " does not end");
+    at += 4 + len;
+  }
+}

@@ -1,4 +1,4 @@
-// Checks of EDF and BDF headers that BioSig itself does not make.
+// Checks of EDF, BDF and GDF headers that BioSig itself does not make.
 #pragma once
 
 #include <string>
@@ -13,3 +13,9 @@
 // Throws InputError "PATH: header: what" for a header that fails a check,
 // "PATH: data: cut short: ..." for missing data records.
 void check_edf_header(const std::string &path);
+
+// The same for GDF: a version BioSig knows, a header length that holds the
+// fixed part and one block per signal, and a file that holds the header.
+// Files that are not GDF pass unchecked.  Throws InputError "PATH: header:
+// what".
+void check_gdf_header(const std::string &path);
