@@ -220,6 +220,9 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
   write_file(dir.file("data_cut.edf"), whole.substr(0, whole.size() - 300));
   // Headers and files that BioSig itself would crash on.
   write_file(dir.file("date.edf"), std::string(whole).replace(88, 17, "Startdate 2      "));
+  std::string gdf = "GDF 2.20" + std::string(760, '\0');  // 3 header blocks, 1 signal, a tag 1 of 1000 bytes
+  gdf[184] = 3, gdf[252] = 1, gdf[512] = 1, gdf[513] = (char)0xe8, gdf[514] = 3;
+  write_file(dir.file("tag.gdf"), gdf);
   std::string bv = write_bv(dir, false);
   std::remove(dir.file("bvi.eeg").c_str());
   write_file(dir.file("o1.elc"), "2\n1 0.1 0.1 !Cz\n2 0.1 0.1 !O1\n");
@@ -234,6 +237,7 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
       {dir.file("header_cut.edf"), {}, "header_cut.edf: header: cut short"},
       {dir.file("date.edf"), {}, "date.edf: header: the start date '2' of the recording field is neither dd-MMM-yyyy nor X"},
       {bv, {}, "bvi.vhdr: its data file cannot be opened"},
+      {dir.file("tag.gdf"), {}, "tag.gdf: header: tag 1 at byte 512 runs past the header"},
       {dir.file("data_cut.edf"), {}, "data_cut.edf: data: cut short"},
       {edf, {"--electrodes", dir.file("o1.elc")}, "has no channel for electrode O1"},
       {edf, {"--electrodes", dir.file("twice.elc")}, "electrodes T3 and t7 name the same place"},
