@@ -9,6 +9,15 @@ PREFIX ?= /usr/local
 
 all: build
 
+# Install the Debian packages of a list that are not installed yet (as root,
+# or through sudo).
+install_missing = missing=""; for p in $(1); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
+	  $$SUDO apt-get update -qq && $$SUDO apt-get install -y -qq $$missing; \
+	fi
+
 # Debian packages the build needs; installed only when missing.  brelix
 # itself needs only the compiler; GoogleTest and Google Benchmark serve the
 # tests and benchmarks, and the companion programs (brelix-prep, brelix-plot)
@@ -18,12 +27,7 @@ all: build
 DEPS = g++ cmake make libgtest-dev libbenchmark-dev libcgal-dev libgmp-dev libmpfr-dev libeigen3-dev \
        libbiosig-dev libmatio-dev libcairo2-dev libexpat1-dev zlib1g-dev
 deps:
-	@missing=""; for p in $(DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
-	  $$SUDO apt-get update -qq && $$SUDO apt-get install -y -qq $$missing; \
-	fi
+	@$(call install_missing,$(DEPS))
 
 configure: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) >/dev/null
@@ -52,12 +56,7 @@ bench: build
 # disagree beyond the benchmark's tolerances.
 PEER_DEPS = python3-mne libopenblas0-pthread
 bench-peer: build
-	@missing=""; for p in $(PEER_DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
-	  $$SUDO apt-get update -qq && $$SUDO apt-get install -y -qq $$missing; \
-	fi
+	@$(call install_missing,$(PEER_DEPS))
 	@/usr/bin/python3 bench/peer/run_bench.py --build $(BUILD)
 
 # The whole test suite built with AddressSanitizer and UndefinedBehavior-
@@ -83,12 +82,7 @@ FUZZ_TARGETS ?= dhkinp matrix sources electrodes ama dialogue
 FUZZ_NOLEAK = sources electrodes dialogue
 FUZZ_DEPS = clang-14 libclang-rt-14-dev cmake make
 fuzz-deps:
-	@missing=""; for p in $(FUZZ_DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  SUDO=""; [ "$$(id -u)" = 0 ] || SUDO=sudo; \
-	  $$SUDO apt-get update -qq && $$SUDO apt-get install -y -qq $$missing; \
-	fi
+	@$(call install_missing,$(FUZZ_DEPS))
 
 fuzz: fuzz-deps
 	@cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=clang++-14 \
