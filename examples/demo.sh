@@ -11,7 +11,7 @@
 # files users have to a fit: a non-spherical head through brelix-prep head, a
 # 10-10 layout built on its scalp, a simulated EDF+ recording averaged around
 # its markers, and the fitted dipole next to the true one (topomap2.png,
-# dipoles2.png).
+# dipoles2.png, timecourse2.png).
 set -euo pipefail
 BUILD=${1:-build}
 HERE=$(cd "$(dirname "$0")" && pwd)
@@ -97,6 +97,7 @@ if [ -x "$PREP" ] && [ -x "$BIN/headmesh" ] && [ -x "$BIN/simulate_recording" ];
     "$PLOT" topomap --electrodes eeg.elc --head head2 --data evoked.mat --model fitpot2.mat --sample 8 --no-labels \
       --dipoles fit2.pos --moments fit2.mat --width 900 -o topomap2.png
     "$PLOT" dipoles --head head2 --fit fit2.pos --moments fit2.mat --truth truth2.pos --width 900 -o dipoles2.png
+    "$PLOT" timecourse --fit fit2.mat --sources fit2.pos --width 900 -o timecourse2.png
   fi
 fi
 
