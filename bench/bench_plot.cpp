@@ -17,23 +17,16 @@
 
 namespace {
 
-Mesh to_mesh(const TriMesh &t) {
-  Mesh m;
-  for (auto &p : t.pnt) m.vertices.push_back({p[0], p[1], p[2]});
-  for (auto &d : t.dhk) m.triangles.push_back({d[0], d[1], d[2]});
-  return m;
-}
-
 std::vector<Mesh> head() {
   std::vector<Mesh> h;
-  for (int l = 0; l < HEAD_LAYERS; l++) h.push_back(to_mesh(head_layer(4, (HeadLayer)l)));
+  for (int l = 0; l < HEAD_LAYERS; l++) h.push_back(as_mesh(head_layer(4, (HeadLayer)l)));
   return h;
 }
 
 std::string output() { return "/tmp/bench_plot_" + std::to_string(getpid()) + ".png"; }
 
 void BM_Topomap64(benchmark::State &state) {
-  Mesh scalp = to_mesh(head_layer(4, HEAD_SCALP));
+  Mesh scalp = as_mesh(head_layer(4, HEAD_SCALP));
   Topomap t;
   // 64 scalp vertices above the ears, spread over the upper head.
   for (size_t v = 0; v < scalp.vertices.size() && t.electrodes.size() < 64; v += 7)

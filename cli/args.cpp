@@ -45,7 +45,7 @@ std::vector<double> parse_number_list(const std::string &text, const std::string
   return out;
 }
 
-ParsedArgs parse_args(int argc, char **argv, int first, const std::vector<OptionSpec> &spec) {
+ParsedArgs parse_args(int argc, char **argv, int first, const std::vector<OptionSpec> &known) {
   ParsedArgs out;
   bool options_done = false;
   for (int i = first; i < argc; i++) {
@@ -69,11 +69,11 @@ ParsedArgs parse_args(int argc, char **argv, int first, const std::vector<Option
         name = name.substr(0, eq);
         has_value = true;
       }
-      for (const auto &o : spec)
+      for (const auto &o : known)
         if (o.name == name) found = &o;
     } else {
       if (a.size() != 2) usage_fail("unknown option " + a);
-      for (const auto &o : spec)
+      for (const auto &o : known)
         if (o.short_name == a[1]) found = &o;
     }
     if (!found) usage_fail("unknown option " + a);

@@ -27,7 +27,7 @@ struct ParsedArgs {
 
 // Parse argv[first..argc-1].  Unknown options and missing values are usage
 // errors (InputError).  "--" ends the options.
-ParsedArgs parse_args(int argc, char **argv, int first, const std::vector<OptionSpec> &spec);
+ParsedArgs parse_args(int argc, char **argv, int first, const std::vector<OptionSpec> &known);
 
 // A number in `text`, entirely; `what` names it in the usage error otherwise.
 double parse_number(const std::string &text, const std::string &what);

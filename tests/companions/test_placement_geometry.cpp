@@ -16,15 +16,8 @@
 
 namespace {
 
-Mesh to_mesh(const TriMesh &t) {
-  Mesh m;
-  for (const auto &p : t.pnt) m.vertices.push_back({p[0], p[1], p[2]});
-  for (const auto &d : t.dhk) m.triangles.push_back({d[0], d[1], d[2]});
-  return m;
-}
-
 TEST(PlacementGeometry, ClosestPointsOnASphere) {
-  const Mesh m = to_mesh(icosphere(3, 0.09));
+  const Mesh m = as_mesh(icosphere(3, 0.09));
   const ScalpLocator locator(m);
   std::mt19937 rng(7);
   std::uniform_real_distribution<double> unif(0, 1);
@@ -103,7 +96,7 @@ std::map<std::string, Vec3> layout(const Mesh &m, const HeadLandmarks &lm, Layou
 
 TEST(PlacementGeometry, TenTwentyOnASphere) {
   const double r = 0.09;
-  const Mesh m = to_mesh(icosphere(3, r));
+  const Mesh m = as_mesh(icosphere(3, r));
   const auto at = layout(m, {{0, r, 0}, {0, -r, 0}, {-r, 0, 0}, {r, 0, 0}}, LayoutSystem::s10_20);
   ASSERT_EQ(at.size(), 21u);
   // 10 % of a half circle is 18 degrees.
@@ -127,7 +120,7 @@ std::string mirrored(const std::string &label) {
 }
 
 TEST(PlacementGeometry, TenFiveOnASymmetricHead) {
-  const Mesh m = to_mesh(head_layer(3, HEAD_SCALP));
+  const Mesh m = as_mesh(head_layer(3, HEAD_SCALP));
   const auto at = layout(m, {{0, 0.11, 0}, {0, -0.12, 0}, {-0.08, 0, 0}, {0.08, 0, 0}}, LayoutSystem::s10_5);
   const auto ten = layout(m, {{0, 0.11, 0}, {0, -0.12, 0}, {-0.08, 0, 0}, {0.08, 0, 0}}, LayoutSystem::s10_10);
   EXPECT_EQ(ten.size(), 79u);
