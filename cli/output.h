@@ -15,8 +15,10 @@ void write_file_atomically(const std::string &path, const std::function<void(FIL
 
 // Several outputs that must appear together (a head folder, say): each is
 // written to its temporary name first, and only when every one is complete
-// are they renamed, in order.  Throws as write_file_atomically; on failure no
-// output has been renamed.
+// are they renamed, in order.  Throws as write_file_atomically.  A failure
+// while writing or flushing leaves every target as it was; only a rename that
+// fails after earlier ones succeeded (a target made read-only meanwhile, say)
+// can leave the set half replaced.
 struct PendingOutput {
   std::string path;
   std::function<void(FILE *)> body;
