@@ -1,11 +1,9 @@
-// brelix-prep data, driven as a user runs it, on recordings written by the
-// test itself from the published layouts.
+// brelix-prep data, driven as a user runs it, on recordings the test writes.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <regex>
 
 #include "matrixio/readtail.h"
@@ -30,38 +28,43 @@ const int CHANNEL_OF_ROW[3] = {2, 1, 0};
 // Digital sample i of channel c: every value different, both signs.
 long digital(int c, int i, long scale) { return (((i * 37 + c * 101) % 400) - 200) * scale; }
 
-// EDF/BDF channels of physical range +-200 uV over digital +-2000*scale.
-std::vector<fixtures::Channel> edf_channels(long scale) {
-  std::vector<fixtures::Channel> out;
-  for (int c = 0; c < 4; c++) {
-    fixtures::Channel ch{FILE_LABELS[c], "uV", -200, 200, -2000 * scale, 2000 * scale, {}};
-    for (int i = 0; i < SAMPLES; i++) ch.digital.push_back(digital(c, i, scale));
-    out.push_back(ch);
+enum Format { EDF_PLUS, BDF, BV_INT16, BV_FLOAT32 };
+const char *const FORMAT_NAME[] = {"EDF+", "BDF 24-bit", "BrainVision int16", "BrainVision float32"};
+
+// BrainVision: channel c has resolution (c + 1) * 0.1 uV per unit; float32
+// values carry a fraction 0.25.
+double bv_units(int c, int i, bool float32) { return digital(c, i, 1) + (float32 ? 0.25 : 0); }
+
+// Sample i of channel c in volts; EDF/BDF map digital +-2000*scale to +-200 uV.
+double volts(Format f, int c, int i) {
+  return f <= BDF ? digital(c, i, 1) * 0.1e-6 : bv_units(c, i, f == BV_FLOAT32) * (c + 1) * 0.1e-6;
+}
+
+// The recording in format f with the given markers (none in BDF).
+std::string write_recording(const TempDir &dir, Format f, const std::vector<fixtures::Annotation> &markers) {
+  if (f <= BDF) {
+    long scale = f == BDF ? 1000 : 1;
+    std::vector<fixtures::Channel> channels;
+    for (int c = 0; c < 4; c++) {
+      channels.push_back({FILE_LABELS[c], "uV", -200, 200, -2000 * scale, 2000 * scale, {}});
+      for (int i = 0; i < SAMPLES; i++) channels[c].digital.push_back(digital(c, i, scale));
+    }
+    std::string path = dir.file(f == BDF ? "rec.bdf" : "rec.edf");
+    write_file(path, fixtures::edf_bytes(channels, RECORDS, 1.0, f == BDF ? 3 : 2,
+                                         f == BDF ? std::vector<fixtures::Annotation>{} : markers));
+    return path;
   }
-  return out;
-}
-
-double edf_volts(int c, int i, long scale) {
-  double d = (double)digital(c, i, scale);
-  return (-200 + (d + 2000.0 * scale) * 400.0 / (4000.0 * scale)) * 1e-6;
-}
-
-// BrainVision: channel c has resolution (c + 1) * 0.1 uV per unit.
-double bv_resolution(int c) { return (c + 1) * 0.1; }
-
-std::string write_bv(const TempDir &dir, bool float32, const std::vector<std::pair<std::string, long>> &markers = {}) {
+  bool float32 = f == BV_FLOAT32;
   std::vector<std::vector<double>> values(4);
-  for (int c = 0; c < 4; c++)
-    for (int i = 0; i < SAMPLES; i++) values[c].push_back(float32 ? digital(c, i, 1) + 0.25 : digital(c, i, 1));
   std::vector<double> res;
-  for (int c = 0; c < 4; c++) res.push_back(bv_resolution(c));
-  return fixtures::write_brainvision(dir, float32 ? "bvf" : "bvi", FILE_LABELS, res, values, float32, 1e6 / RATE, markers);
-}
-
-std::string write_edf_plus(const TempDir &dir, const std::vector<fixtures::Annotation> &annotations) {
-  std::string path = dir.file("rec.edf");
-  write_file(path, fixtures::edf_bytes(edf_channels(1), RECORDS, 1.0, 2, annotations));
-  return path;
+  for (int c = 0; c < 4; c++) {
+    res.push_back((c + 1) * 0.1);
+    for (int i = 0; i < SAMPLES; i++) values[c].push_back(bv_units(c, i, float32));
+  }
+  std::vector<std::pair<std::string, long>> positions;  // one-based samples
+  for (const auto &m : markers) positions.push_back({m.text, std::lround(m.onset * RATE) + 1});
+  return fixtures::write_brainvision(dir, float32 ? "bvf" : "bvi", FILE_LABELS, res, values, float32, 1e6 / RATE,
+                                     positions);
 }
 
 ProcResult run_data(const TempDir &dir, const std::string &recording, std::vector<std::string> extra) {
@@ -72,38 +75,21 @@ ProcResult run_data(const TempDir &dir, const std::string &recording, std::vecto
 }
 
 // The output as brelix's own reader sees it, with the sample frequency item.
-MatrixFile read_output(const TempDir &dir, float *rate) {
+MatrixFile read_output(const TempDir &dir, float *rate = nullptr) {
   MatrixFile m;
   EXPECT_TRUE(read_matrix_file(dir.file("out.mat"), m));
-  *rate = -1;
-  tail_float((int)m.tail.size(), m.tail.data(), "sample freq", rate);
+  if (rate) {
+    *rate = -1;
+    tail_float((int)m.tail.size(), m.tail.data(), "sample freq", rate);
+  }
   return m;
 }
 
 TEST(RecordingsData, EveryFormatGivesTheScaledSamplesInElectrodeOrder) {
-  struct Case {
-    const char *name;
-    std::function<std::string(const TempDir &)> write;
-    std::function<double(int c, int i)> volts;
-  };
-  const Case cases[] = {
-      {"EDF+", [](const TempDir &d) { return write_edf_plus(d, {{0.5, "stim"}}); },
-       [](int c, int i) { return edf_volts(c, i, 1); }},
-      {"BDF 24-bit",
-       [](const TempDir &d) {
-         write_file(d.file("rec.bdf"), fixtures::edf_bytes(edf_channels(1000), RECORDS, 1.0, 3));
-         return d.file("rec.bdf");
-       },
-       [](int c, int i) { return edf_volts(c, i, 1000); }},
-      {"BrainVision int16", [](const TempDir &d) { return write_bv(d, false); },
-       [](int c, int i) { return digital(c, i, 1) * bv_resolution(c) * 1e-6; }},
-      {"BrainVision float32", [](const TempDir &d) { return write_bv(d, true); },
-       [](int c, int i) { return (digital(c, i, 1) + 0.25) * bv_resolution(c) * 1e-6; }},
-  };
-  for (const auto &k : cases) {
-    SCOPED_TRACE(k.name);
+  for (Format f : {EDF_PLUS, BDF, BV_INT16, BV_FLOAT32}) {
+    SCOPED_TRACE(FORMAT_NAME[f]);
     TempDir dir;
-    ProcResult r = run_data(dir, k.write(dir), {});
+    ProcResult r = run_data(dir, write_recording(dir, f, {{0.5, "stim"}}), {});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.find("dropped: EOG"), std::string::npos) << r.err;
@@ -114,7 +100,7 @@ TEST(RecordingsData, EveryFormatGivesTheScaledSamplesInElectrodeOrder) {
     ASSERT_EQ(m.cols, SAMPLES);
     for (int e = 0; e < 3; e++)
       for (int i = 0; i < SAMPLES; i++)
-        ASSERT_FLOAT_EQ(m.at(e + 1, i + 1), (float)k.volts(CHANNEL_OF_ROW[e], i)) << "row " << e << " sample " << i;
+        ASSERT_FLOAT_EQ(m.at(e + 1, i + 1), (float)volts(f, CHANNEL_OF_ROW[e], i)) << "row " << e << " sample " << i;
   }
 }
 
@@ -123,33 +109,23 @@ TEST(RecordingsData, EpochAverageMatchesAHandComputation) {
   // at 2 s must not count.  Epoch -0.1..0.2 s is samples -2..4 around each,
   // baseline -0.1..0 s the first three of them.
   struct Case {
-    const char *name, *marker;
-    std::function<std::string(const TempDir &)> write;
-    std::function<double(int c, int i)> volts;
+    Format f;
+    std::string marker, other;
   };
-  const Case cases[] = {
-      {"EDF+ annotations", "stim",
-       [](const TempDir &d) { return write_edf_plus(d, {{0.5, "stim"}, {1.5, "stim"}, {2.0, "other"}}); },
-       [](int c, int i) { return edf_volts(c, i, 1); }},
-      {"BrainVision markers", "S  1",
-       [](const TempDir &d) { return write_bv(d, false, {{"S  1", 11}, {"S  1", 31}, {"S 11", 41}}); },
-       [](int c, int i) { return digital(c, i, 1) * bv_resolution(c) * 1e-6; }},
-  };
-  for (const auto &k : cases) {
-    SCOPED_TRACE(k.name);
+  for (const Case &k : {Case{EDF_PLUS, "stim", "other"}, Case{BV_INT16, "S  1", "S 11"}}) {
+    SCOPED_TRACE(FORMAT_NAME[k.f]);
     TempDir dir;
-    ProcResult r = run_data(dir, k.write(dir),
-                            {"--average", k.marker, "--epoch", "-0.1:0.2", "--baseline", "-0.1:0", "--unit", "uV"});
+    std::string rec = write_recording(dir, k.f, {{0.5, k.marker}, {1.5, k.marker}, {2.0, k.other}});
+    ProcResult r = run_data(dir, rec, {"--average", k.marker, "--epoch", "-0.1:0.2", "--baseline", "-0.1:0", "--unit", "uV"});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.err.find("averaged 2 epochs around marker '" + std::string(k.marker) + "'"), std::string::npos) << r.err;
-    float rate;
-    MatrixFile m = read_output(dir, &rate);
+    EXPECT_NE(r.err.find("averaged 2 epochs around marker '" + k.marker + "'"), std::string::npos) << r.err;
+    MatrixFile m = read_output(dir);
     ASSERT_EQ(m.rows, 3);
     ASSERT_EQ(m.cols, 7);
     for (int e = 0; e < 3; e++) {
       int c = CHANNEL_OF_ROW[e];
       double avg[7], base = 0;
-      for (int k2 = 0; k2 < 7; k2++) avg[k2] = (k.volts(c, 8 + k2) + k.volts(c, 28 + k2)) / 2 * 1e6;
+      for (int k2 = 0; k2 < 7; k2++) avg[k2] = (volts(k.f, c, 8 + k2) + volts(k.f, c, 28 + k2)) / 2 * 1e6;
       for (int k2 = 0; k2 < 3; k2++) base += avg[k2] / 3;
       for (int k2 = 0; k2 < 7; k2++) EXPECT_NEAR(m.at(e + 1, k2 + 1), avg[k2] - base, 1e-4) << e << " " << k2;
     }
@@ -158,7 +134,7 @@ TEST(RecordingsData, EpochAverageMatchesAHandComputation) {
 
 TEST(RecordingsData, WindowsExclusionAndTables) {
   TempDir dir;
-  std::string edf = write_edf_plus(dir, {{0.5, "stim"}});
+  std::string edf = write_recording(dir, EDF_PLUS, {{0.5, "stim"}});
   // --tmin/--tmax keep both ends; --samples counts from 1.
   struct Window {
     std::vector<std::string> args;
@@ -168,20 +144,18 @@ TEST(RecordingsData, WindowsExclusionAndTables) {
   for (const auto &w : windows) {
     ProcResult r = run_data(dir, edf, w.args);
     ASSERT_EQ(r.status, 0) << r.err;
-    float rate;
-    MatrixFile m = read_output(dir, &rate);
+    MatrixFile m = read_output(dir);
     ASSERT_EQ(m.cols, w.count);
-    EXPECT_FLOAT_EQ(m.at(1, 1), (float)edf_volts(2, w.first, 1));
-    EXPECT_FLOAT_EQ(m.at(3, w.count), (float)edf_volts(0, w.first + w.count - 1, 1));
+    EXPECT_FLOAT_EQ(m.at(1, 1), (float)volts(EDF_PLUS, 2, w.first));
+    EXPECT_FLOAT_EQ(m.at(3, w.count), (float)volts(EDF_PLUS, 0, w.first + w.count - 1));
   }
 
   // Excluding T3 (the file's name for T7) leaves Cz and Fp1, in both outputs.
   ProcResult r = run_data(dir, edf, {"--exclude", "T3", "--electrodes-out", dir.file("kept.elc")});
   ASSERT_EQ(r.status, 0) << r.err;
-  float rate;
-  MatrixFile m = read_output(dir, &rate);
+  MatrixFile m = read_output(dir);
   ASSERT_EQ(m.rows, 2);
-  EXPECT_FLOAT_EQ(m.at(2, 5), (float)edf_volts(0, 4, 1));
+  EXPECT_FLOAT_EQ(m.at(2, 5), (float)volts(EDF_PLUS, 0, 4));
   auto kept = read_electrode_file(dir.file("kept.elc"));
   ASSERT_EQ(kept.size(), 2u);
   EXPECT_EQ(kept[0].label, "Cz");
@@ -193,6 +167,7 @@ TEST(RecordingsData, WindowsExclusionAndTables) {
   write_file(dir.file("t.csv"), "time_ms,cz,fp1,t7\n0,1.5,2,3\n2,4,5,6.25\n4,7,8,9\n");
   r = run_data(dir, dir.file("t.csv"), {"--input-unit", "uV", "--unit", "uV"});
   ASSERT_EQ(r.status, 0) << r.err;
+  float rate;
   m = read_output(dir, &rate);
   EXPECT_EQ(rate, 500.0f);
   ASSERT_EQ(m.cols, 3);
@@ -214,7 +189,7 @@ TEST(RecordingsData, MarkersMatchByTextOrByGdfCode) {
 
 TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
   TempDir dir;
-  std::string edf = write_edf_plus(dir, {{0.5, "stim"}, {2.5, "stim"}});
+  std::string edf = write_recording(dir, EDF_PLUS, {{0.5, "stim"}, {2.5, "stim"}});
   std::string whole = read_file(edf);
   write_file(dir.file("header_cut.edf"), whole.substr(0, 600));
   write_file(dir.file("data_cut.edf"), whole.substr(0, whole.size() - 300));
@@ -223,7 +198,7 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
   std::string gdf = "GDF 2.20" + std::string(760, '\0');  // 3 header blocks, 1 signal, a tag 1 of 1000 bytes
   gdf[184] = 3, gdf[252] = 1, gdf[512] = 1, gdf[513] = (char)0xe8, gdf[514] = 3;
   write_file(dir.file("tag.gdf"), gdf);
-  std::string bv = write_bv(dir, false);
+  std::string bv = write_recording(dir, BV_INT16, {});
   std::remove(dir.file("bvi.eeg").c_str());
   write_file(dir.file("o1.elc"), "2\n1 0.1 0.1 !Cz\n2 0.1 0.1 !O1\n");
   write_file(dir.file("twice.elc"), "2\n1 0.1 0.1 !T3\n2 0.1 0.1 !t7\n");
@@ -259,13 +234,15 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
 
 // The demo's recording tool: its EDF+ file, averaged by the data command,
 // gives back the transfer matrix times the moments' time course.
+// A tool built next to brelix.
+std::string tool(const char *name) { return (std::filesystem::path(BRELIX_EXE).parent_path() / name).string(); }
+
 TEST(RecordingsData, SimulatedRecordingAveragesBackToItsSources) {
   TempDir dir;
-  const std::string tool = (std::filesystem::path(BRELIX_EXE).parent_path() / "simulate_recording").string();
   write_file(dir.file("T.txt"), "3 2\n1e-6 0\n0 2e-6\n-1e-6 -2e-6\n");
   write_file(dir.file("head.elc"), "3\n1 0.1 0.1 !Fz\n2 0.2 0.2 !Cz\n3 0.3 0.3 !Pz\n");
   auto simulate = [&](const std::string &out, const std::string &noise, const std::string &seed) {
-    return run_process(tool, {dir.file("T.txt"), dir.file("head.elc"), dir.file(out), "--moments", "10,-5", "--sfreq",
+    return run_process(tool("simulate_recording"), {dir.file("T.txt"), dir.file("head.elc"), dir.file(out), "--moments", "10,-5", "--sfreq",
                               "100", "--epochs", "3", "--frequency", "10,5", "--noise", noise, "--seed", seed, "--marker",
                               "S 7"},
                        "");
@@ -273,8 +250,7 @@ TEST(RecordingsData, SimulatedRecordingAveragesBackToItsSources) {
   ASSERT_EQ(simulate("clean.edf", "0", "1").status, 0);
   ProcResult r = run_data(dir, dir.file("clean.edf"), {"--average", "S 7", "--epoch", "0:0.5"});
   ASSERT_EQ(r.status, 0) << r.err;
-  float rate;
-  MatrixFile m = read_output(dir, &rate);
+  MatrixFile m = read_output(dir);
   ASSERT_EQ(m.cols, 51);
   const double T[3][2] = {{1e-6, 0}, {0, 2e-6}, {-1e-6, -2e-6}}, M[2] = {10, -5}, f[2] = {10, 5};
   for (int i = 0; i < 51; i++) {
@@ -297,13 +273,12 @@ TEST(RecordingsData, SimulatedRecordingAveragesBackToItsSources) {
 // dipole again.
 TEST(RecordingsData, BrelixFitsTheAveragedRecording) {
   TempDir dir;
-  const std::string tools = std::filesystem::path(BRELIX_EXE).parent_path().string();
   ASSERT_TRUE(write_trimesh(dir.file("sphere.tri"), icosphere(2, 1.0), false));
-  ASSERT_EQ(run_process(tools + "/electrode_layout", {dir.file("sphere.tri"), dir.file("head.elc")}, "").status, 0);
+  ASSERT_EQ(run_process(tool("electrode_layout"), {dir.file("sphere.tri"), dir.file("head.elc")}, "").status, 0);
   const Vec3 truth = {0.2, -0.1, 0.5};
   write_file(dir.file("true.pos"), headfit::position_file({truth}, ""));
   ASSERT_EQ(run_brelix(dir.path(), {}, "sphere.tri\n1\n\nhead.elc\ntrue.pos\n\ntrue.mat\n").status, 0);
-  ProcResult r = run_process(tools + "/simulate_recording", {dir.file("true.mat"), dir.file("head.elc"),
+  ProcResult r = run_process(tool("simulate_recording"), {dir.file("true.mat"), dir.file("head.elc"),
                              dir.file("sim.edf"), "--moments", "0.3,-0.2,1", "--epochs", "4", "--sfreq", "200"}, "");
   ASSERT_EQ(r.status, 0) << r.err;
   r = run_data(dir, dir.file("sim.edf"), {"--average", "stim", "--epoch", "0.07:0.08"});

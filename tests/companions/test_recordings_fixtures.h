@@ -1,6 +1,5 @@
-// Recording files for the tests, written byte by byte from the published
-// layouts of EDF/EDF+/BDF and BrainVision, independently of the library the
-// program reads them with.
+// EDF/EDF+/BDF and BrainVision files written byte by byte from the published
+// layouts, independently of the library the program reads them with.
 #pragma once
 
 #include <cstdint>
@@ -33,6 +32,13 @@ inline std::string field(const std::string &text, size_t width) {
   return f;
 }
 
+// `bytes` little-endian bytes of v.
+inline std::string le(uint64_t v, int bytes) {
+  std::string s;
+  for (int b = 0; b < bytes; b++) s += char((v >> (8 * b)) & 0xff);
+  return s;
+}
+
 inline std::string num(double x) {
   char b[32];
   snprintf(b, sizeof b, "%g", x);
@@ -49,13 +55,8 @@ inline std::string edf_bytes(const std::vector<Channel> &channels, int records, 
                              int annot_samples = 60) {
   bool plus = !annotations.empty();
   size_t ns = channels.size() + (plus ? 1 : 0);
-  std::string h;
-  if (bytes_per_sample == 3)
-    h += std::string(1, '\xff') + "BIOSEMI";
-  else
-    h += field("0", 8);
-  h += field("X X X X", 80) + field("Startdate 01-JAN-2020 X X X", 80);
-  h += "01.01.20" + std::string("12.00.00");
+  std::string h = bytes_per_sample == 3 ? std::string(1, '\xff') + "BIOSEMI" : field("0", 8);
+  h += field("X X X X", 80) + field("Startdate 01-JAN-2020 X X X", 80) + "01.01.2012.00.00";
   h += field(std::to_string(256 * (ns + 1)), 8);
   h += field(bytes_per_sample == 3 ? "24BIT" : plus ? "EDF+C" : "", 44);
   h += field(std::to_string(records), 8) + field(num(record_seconds), 8) + field(std::to_string(ns), 4);
@@ -78,15 +79,12 @@ inline std::string edf_bytes(const std::vector<Channel> &channels, int records, 
   for (int r = 0; r < records; r++) {
     for (const auto &c : channels) {
       size_t spr = c.digital.size() / records;
-      for (size_t i = 0; i < spr; i++) {
-        long v = c.digital[r * spr + i];
-        for (int b = 0; b < bytes_per_sample; b++) h += char((v >> (8 * b)) & 0xff);
-      }
+      for (size_t i = 0; i < spr; i++) h += le((uint64_t)c.digital[r * spr + i], bytes_per_sample);
     }
     if (plus) {
-      std::string tal = "+" + num(r * record_seconds) + "\x14\x14" + std::string(1, '\0');
+      std::string tal = "+" + num(r * record_seconds) + "\x14\x14" + '\0';
       if (r == 0)
-        for (const auto &a : annotations) tal += "+" + num(a.onset) + "\x14" + a.text + "\x14" + std::string(1, '\0');
+        for (const auto &a : annotations) tal += "+" + num(a.onset) + "\x14" + a.text + "\x14" + '\0';
       tal.resize(2 * annot_samples, '\0');
       h += tal;
     }
@@ -118,16 +116,10 @@ inline std::string write_brainvision(const TempDir &dir, const std::string &stem
   std::string eeg;
   for (size_t t = 0; t < values[0].size(); t++)
     for (size_t c = 0; c < labels.size(); c++) {
-      if (float32) {
-        float f = (float)values[c][t];
-        uint32_t u;
-        memcpy(&u, &f, 4);
-        for (int b = 0; b < 4; b++) eeg += char((u >> (8 * b)) & 0xff);
-      } else {
-        long v = (long)values[c][t];
-        eeg += char(v & 0xff);
-        eeg += char((v >> 8) & 0xff);
-      }
+      float f = (float)values[c][t];
+      uint32_t u;
+      memcpy(&u, &f, 4);
+      eeg += float32 ? le(u, 4) : le((uint64_t)(long)values[c][t], 2);
     }
   write_file(dir.file(stem + ".vhdr"), vhdr);
   write_file(dir.file(stem + ".vmrk"), vmrk);
