@@ -37,7 +37,6 @@ void put(std::string &s, T v, bool big) {
   s.append(b, sizeof(T));
 }
 
-// Text writers: every line through one callback per vertex and per face.
 std::string lines(const TriMesh &m, std::string head, const std::function<std::string(const std::array<float, 3> &)> &v,
                   const std::string &mid, const std::function<std::string(const std::array<int, 3> &)> &f,
                   const std::string &tail = "") {
@@ -48,6 +47,15 @@ std::string lines(const TriMesh &m, std::string head, const std::function<std::s
 }
 
 std::string xyz(const std::array<float, 3> &p) { return fmt("%.9g %.9g %.9g", p[0], p[1], p[2]); }
+std::string xyzl(const std::array<float, 3> &p) { return xyz(p) + "\n"; }
+std::string tri3(const std::array<int, 3> &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); }
+
+// Text .tri with normals; some writers count the triangle block's vertices from 0.
+std::string normals_tri(const TriMesh &m, int base) {
+  return lines(m, fmt("- %zu\n", m.pnt.size()), [](auto &p) { return xyz(p) + " 0 0 1\n"; },
+               fmt("- %zu %zu %zu\n", m.dhk.size(), m.dhk.size(), m.dhk.size()),
+               [base](auto &t) { return fmt("%d %d %d\n", t[0] + base, t[1] + base, t[2] + base); });
+}
 
 std::string fs_binary(const TriMesh &m) {
   std::string s = "\xff\xff\xfe" "created by test on Monday\n\n";
@@ -172,10 +180,7 @@ const Format FORMATS[] = {
                     [](auto &p) { return xyz(p) + " 0\n"; }, "", [](auto &t) { return fmt("%d %d %d 0\n", t[0], t[1], t[2]); });
      }},
     {"head.off", "OFF",
-     [](const TriMesh &m) {
-       return lines(m, fmt("OFF\n# comment\n%zu %zu 0\n", m.pnt.size(), m.dhk.size()), [](auto &p) { return xyz(p) + "\n"; },
-                    "", [](auto &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); });
-     }},
+     [](const TriMesh &m) { return lines(m, fmt("OFF\n# comment\n%zu %zu 0\n", m.pnt.size(), m.dhk.size()), xyzl, "", tri3); }},
     {"head.obj", "OBJ",
      [](const TriMesh &m) {
        return lines(m, "# exported\no head\n", [](auto &p) { return "v " + xyz(p) + "\n"; }, "vn 0 0 1\n",
@@ -189,15 +194,14 @@ const Format FORMATS[] = {
                     fmt("ply\nformat ascii 1.0\nelement vertex %zu\nproperty float x\nproperty float y\nproperty float z\n"
                         "element face %zu\nproperty list uchar int vertex_index\nend_header\n",
                         m.pnt.size(), m.dhk.size()),
-                    [](auto &p) { return xyz(p) + "\n"; }, "", [](auto &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); });
+                    xyzl, "", tri3);
      }},
     {"head_le.ply", "PLY binary little-endian", [](const TriMesh &m) { return ply_binary(m, false); }},
     {"head_be.ply", "PLY binary big-endian", [](const TriMesh &m) { return ply_binary(m, true); }},
     {"head.vtk", "VTK ASCII",
      [](const TriMesh &m) {
        return lines(m, fmt("# vtk DataFile Version 3.0\nhead\nASCII\nDATASET POLYDATA\nPOINTS %zu float\n", m.pnt.size()),
-                    [](auto &p) { return xyz(p) + "\n"; }, fmt("POLYGONS %zu %zu\n", m.dhk.size(), 4 * m.dhk.size()),
-                    [](auto &t) { return fmt("3 %d %d %d\n", t[0], t[1], t[2]); });
+                    xyzl, fmt("POLYGONS %zu %zu\n", m.dhk.size(), 4 * m.dhk.size()), tri3);
      }},
     {"head_b.vtk", "VTK binary", vtk_binary},
     {"head.gii", "GIfTI ASCII", [](const TriMesh &m) { return gifti(m, "ASCII"); }},
@@ -205,24 +209,14 @@ const Format FORMATS[] = {
     {"head_z.gii", "GIfTI GZipBase64Binary", [](const TriMesh &m) { return gifti(m, "GZipBase64Binary"); }},
     {"head.tri", "brelix text", [](const TriMesh &m) { return brelix_file(m, false); }},
     {"head_b.tri", "brelix binary", [](const TriMesh &m) { return brelix_file(m, true); }},
-    {"head_n.tri", "text .tri with normals",
-     [](const TriMesh &m) {
-       return lines(m, fmt("- %zu\n", m.pnt.size()), [](auto &p) { return xyz(p) + " 0 0 1\n"; },
-                    fmt("- %zu %zu %zu\n", m.dhk.size(), m.dhk.size(), m.dhk.size()),
-                    [](auto &t) { return fmt("%d %d %d\n", t[0] + 1, t[1] + 1, t[2] + 1); });
-     }},
-    // Some writers count the triangle block's vertices from 0.
-    {"head_n0.tri", "text .tri with normals",
-     [](const TriMesh &m) {
-       return lines(m, fmt("- %zu\n", m.pnt.size()), [](auto &p) { return xyz(p) + " 0 0 1\n"; },
-                    fmt("- %zu %zu %zu\n", m.dhk.size(), m.dhk.size(), m.dhk.size()),
-                    [](auto &t) { return fmt("%d %d %d\n", t[0], t[1], t[2]); });
-     }},
+    {"head_n.tri", "text .tri with normals", [](const TriMesh &m) { return normals_tri(m, 1); }},
+    {"head_n0.tri", "text .tri with normals", [](const TriMesh &m) { return normals_tri(m, 0); }},
 };
 
-std::string refusal(const std::string &path) {
+template <class F>
+std::string refusal(F &&read) {
   try {
-    read_surface(path);
+    read();
   } catch (const InputError &e) {
     return e.what();
   }
@@ -244,9 +238,8 @@ TEST(SurfaceImport, EveryFormatGivesTheSameHead) {
     std::vector<int> order(head.pnt.size(), -1), original;
     for (auto &tri : head.dhk)
       for (int v : tri)
-        if (stl && order[v] < 0) order[v] = (int)original.size(), original.push_back(v);
-    if (!stl)
-      for (size_t i = 0; i < head.pnt.size(); i++) order[i] = (int)i, original.push_back((int)i);
+        if (order[v] < 0) order[v] = stl ? (int)original.size() : v, original.push_back(v);
+    if (!stl) original = order;
     ASSERT_EQ(s.mesh.vertices.size(), head.pnt.size());
     ASSERT_EQ(s.mesh.triangles.size(), head.dhk.size());
     for (size_t i = 0; i < original.size(); i++)
@@ -326,7 +319,7 @@ TEST(SurfaceImport, BrokenFilesNameFilePlaceAndFault) {
   };
   for (const Case &c : cases) {
     write_file(dir.file(c.file), c.contents);
-    std::string msg = refusal(dir.file(c.file));
+    std::string msg = refusal([&] { read_surface(dir.file(c.file)); });
     EXPECT_NE(msg.find(dir.file(c.message)), std::string::npos) << c.file << ": " << msg;
   }
 }
@@ -399,12 +392,7 @@ TEST(SurfaceTransform, AffineFilesMoveAndMirrorsKeepTheOrientation) {
              {"1 0 0 0\n0 x 0 0\n", "t.txt: line 2: \"x\" is not a number"}};
   for (const Bad &b : bad) {
     write_file(dir.file("t.txt"), b.text);
-    std::string msg;
-    try {
-      read_affine(dir.file("t.txt"));
-    } catch (const InputError &e) {
-      msg = e.what();
-    }
+    std::string msg = refusal([&] { read_affine(dir.file("t.txt")); });
     EXPECT_NE(msg.find(dir.file(b.message)), std::string::npos) << b.text << " -> " << msg;
   }
 }
