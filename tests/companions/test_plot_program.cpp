@@ -17,14 +17,10 @@ namespace {
 struct Scene {
   TempDir dir;
   Scene() {
-    const char *names[] = {"scalp.tri", "skull.tri", "brain.tri"};
-    const double radii[] = {1.0, 0.92, 0.88};
-    std::string ans;
-    for (int i = 0; i < 3; i++) {
-      write_sphere(dir, names[i], 2, radii[i]);
-      ans += std::string(names[i]) + "\n" + (i == 1 ? "0.0125" : "1") + "\n";
-    }
-    write_file(dir.file("geometry.ans"), ans + "\n");
+    write_sphere(dir, "scalp.tri", 2, 1.0);
+    write_sphere(dir, "skull.tri", 2, 0.92);
+    write_sphere(dir, "brain.tri", 2, 0.88);
+    write_file(dir.file("geometry.ans"), "scalp.tri\n1\nskull.tri\n0.0125\nbrain.tri\n1\n\n");
     std::string elc = "20\n";
     for (int e = 1; e <= 20; e++) elc += std::to_string(e) + " " + std::to_string(e) + "\n";
     write_file(dir.file("e.elc"), elc);
@@ -97,13 +93,12 @@ TEST(PlotProgram, EveryCommandWritesEachFormat) {
       std::string out = std::string("out/") + which + suffix;
       ProcResult r = s.run(command(which, out));
       ASSERT_EQ(r.status, 0) << which << suffix << ": " << r.err;
-      std::string body = read_file(s.dir.file(out));
-      std::string what = std::string(which) + suffix;
-      if (suffix == std::string(".png")) {
+      const std::string body = read_file(s.dir.file(out)), what = out;
+      if (suffix == std::string(".png"))
         EXPECT_EQ(body.substr(0, 8), "\x89PNG\r\n\x1a\n") << what;
-      } else if (suffix == std::string(".svg")) {
+      else if (suffix == std::string(".svg"))
         EXPECT_TRUE(well_formed(body)) << what;
-      } else {
+      else {
         EXPECT_EQ(body.substr(0, 5), "%PDF-") << what;
         // No clock in the file: the same input gives the same bytes.
         EXPECT_EQ(body.find("/CreationDate"), std::string::npos) << what;
@@ -118,10 +113,7 @@ TEST(PlotProgram, BadInputIsRefusedWithStatusTwoAndNoPicture) {
   s.matrix("d19.mat", 19, 2, std::vector<float>(38, 1.0f));
   std::filesystem::create_directory(s.dir.file("empty"));
   write_file(s.dir.file("empty/geometry.ans"), "\n");
-  const struct {
-    std::vector<std::string> args;
-    std::string message;
-  } cases[] = {
+  const struct { std::vector<std::string> args; std::string message; } cases[] = {
       {{"topomap", "--electrodes", "e.elc", "--data", "d19.mat", "-o", "out/x.png"},
        "d19.mat: has 19 rows, but e.elc has 20 electrodes"},
       {{"topomap", "--electrodes", "e.elc", "--data", "d.mat", "--sample", "3", "-o", "out/x.png"},

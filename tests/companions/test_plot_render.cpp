@@ -29,7 +29,6 @@ void write_matrix(const std::string &path, int rows, int cols, const std::vector
   f << tail;
 }
 
-// Run a command's figure builder on an argument list.
 template <class F>
 auto build(F builder, std::vector<std::string> args) {
   std::vector<char *> argv;
@@ -40,9 +39,7 @@ auto build(F builder, std::vector<std::string> args) {
 
 struct Image {
   cairo_surface_t *s;
-  explicit Image(cairo_surface_t *surface) : s(surface) {}
   ~Image() { cairo_surface_destroy(s); }
-  // Colour of pixel (x, y), 0..255 per channel.
   std::array<int, 3> at(int x, int y) const {
     const unsigned char *row = cairo_image_surface_get_data(s) + (size_t)y * cairo_image_surface_get_stride(s);
     uint32_t p;
@@ -72,16 +69,16 @@ TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResid
   TempDir dir;
   std::string scalp = write_sphere(dir, "scalp.tri", 2, 1.0);
   TriMesh sphere = icosphere(2, 1.0);
-  // Vertex electrodes on the upper part of the sphere; sample 2 holds -x, so
-  // the leftmost electrode is the positive maximum.
-  std::string elc;
+  // Electrodes on the upper vertices; sample 2 holds -x, so the leftmost is the maximum.
   std::vector<int> chosen;
   for (size_t v = 0; v < sphere.pnt.size(); v++)
     if (sphere.pnt[v][2] > -0.1) chosen.push_back((int)v);
-  elc = std::to_string(chosen.size()) + "\n";
+  std::string elc = std::to_string(chosen.size()) + "\n";
   std::vector<float> data;
-  for (size_t e = 0; e < chosen.size(); e++) elc += std::to_string(e + 1) + " " + std::to_string(chosen[e] + 1) + "\n";
-  for (int v : chosen) data.insert(data.end(), {sphere.pnt[v][0], -sphere.pnt[v][0]});
+  for (size_t e = 0; e < chosen.size(); e++) {
+    elc += std::to_string(e + 1) + " " + std::to_string(chosen[e] + 1) + "\n";
+    data.insert(data.end(), {sphere.pnt[chosen[e]][0], -sphere.pnt[chosen[e]][0]});
+  }
   write_file(dir.file("e.elc"), elc);
   write_matrix(dir.file("d.mat"), (int)chosen.size(), 2, data, "sample frequency\n100 Hz\n");
 
@@ -93,7 +90,7 @@ TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResid
   EXPECT_EQ(*t.relative_difference, 0);
   t.show_dots = t.show_labels = t.show_contours = false;
   TopomapLayout l = topomap_layout(t);
-  Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_topomap(cr, t, l); }));
+  Image img{render_image(l.width, l.height, [&](cairo_t *cr) { draw_topomap(cr, t, l); })};
 
   size_t lo = 0, hi = 0;
   for (size_t e = 0; e < chosen.size(); e++) {
@@ -106,7 +103,7 @@ TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResid
     EXPECT_GT(map_position(img.at((int)p[0], (int)p[1])), 0.75) << "panel " << panel;
     EXPECT_LT(map_position(img.at((int)q[0], (int)q[1])), -0.75) << "panel " << panel;
   }
-  Rgb zero = diverging_colour(0);
+  const Rgb zero = diverging_colour(0);
   const double neutral[3] = {zero.r, zero.g, zero.b};
   int checked = 0;
   for (int y = 0; y < l.height; y++)
@@ -128,14 +125,14 @@ TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
   DipoleSections s = build(sections_from_command_line,
                            {"dipoles", "--head", dir.path(), "--fit", dir.file("fit.pos"), "-o", dir.file("s.png")});
   SectionsLayout l = sections_layout(s);
-  Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_sections(cr, s, l); }));
+  Image img{render_image(l.width, l.height, [&](cairo_t *cr) { draw_sections(cr, s, l); })};
   double line_rgb[3];
   surface_line_colour(0, 1, line_rgb);
-
-  // Each panel: which world axes run right and up on the picture.
-  const struct { int panel, right, up; } panels[] = {{0, 0, 1}, {1, 0, 2}, {2, 1, 2}};
-  for (const auto &c : panels) {
-    const SectionPanel &P = l.panels[c.panel];
+  // Per panel, the world axes that run right and up on the picture.
+  const struct { int right, up; } axes[] = {{0, 1}, {0, 2}, {1, 2}};
+  for (int k = 0; k < 3; k++) {
+    const auto c = axes[k];
+    const SectionPanel &P = l.panels[k];
     std::vector<std::array<double, 2>> line, marker;
     for (int y = (int)P.top + 1; y < (int)(P.top + P.size) - 1; y++)
       for (int x = (int)P.left + 1; x < (int)(P.left + P.size) - 1; x++) {
@@ -146,9 +143,7 @@ TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
     ASSERT_GT(marker.size(), 60u) << P.name;
     std::array<double, 2> mark{0, 0};
     for (auto &p : marker) mark[0] += p[0] / marker.size(), mark[1] += p[1] / marker.size();
-    // The circle through the line's pixels (least squares on
-    // x^2 + y^2 = 2ax + 2by + c), which no uneven spread of pixels along it
-    // pulls aside.
+    // Least-squares circle x^2 + y^2 = 2ax + 2by + c through the line's pixels.
     std::vector<double> a(9, 0.0), b(3, 0.0);
     for (auto &p : line) {
       double row[3] = {2 * p[0], 2 * p[1], 1}, rhs = p[0] * p[0] + p[1] * p[1];
@@ -163,8 +158,7 @@ TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
     double offset = dip[3 - c.right - c.up];  // the cut's distance from the sphere's centre
     double radius = std::sqrt(R * R - offset * offset) * l.scale;
     EXPECT_NEAR(fitted_radius, radius, 1.0) << P.name;
-    // Every piece of the line lies on that circle, up to the line's width
-    // and the facets of a 642-vertex sphere.
+    // Up to the line's width and the sphere's facets.
     size_t astray = 0;
     for (auto &p : line) astray += std::fabs(std::hypot(p[0] - centre[0], p[1] - centre[1]) - radius) > 3.0;
     EXPECT_EQ(astray, 0u) << P.name;
@@ -177,16 +171,16 @@ TEST(PlotHead, ScalpColoursAndElectrodesFaceTheRightWayInEachView) {
   TriMesh t = icosphere(2, 1.0);
   HeadPicture h;
   h.surfaces.resize(1);
-  for (auto &p : t.pnt) h.surfaces[0].vertices.push_back({p[0], p[1], p[2]});
+  auto &V = h.surfaces[0].vertices;
+  for (auto &p : t.pnt) V.push_back({p[0], p[1], p[2]});
   for (auto &d : t.dhk) h.surfaces[0].triangles.push_back({d[0], d[1], d[2]});
   std::vector<double> v;
-  for (const Vec3 &p : h.surfaces[0].vertices) v.push_back(p[0]);  // the subject's right positive
+  for (const Vec3 &p : V) v.push_back(p[0]);  // the subject's right positive
   h.scalp_potential = v;
-  // One electrode on the face, one on the back of the head away from the
-  // line of sight through the first.
-  for (const Vec3 &p : h.surfaces[0].vertices)
+  // One electrode on the face, one on the back away from the line of sight through the first.
+  for (const Vec3 &p : V)
     if (p[1] > 0.8 && h.electrodes.empty()) h.electrodes.push_back(p);
-  for (const Vec3 &p : h.surfaces[0].vertices)
+  for (const Vec3 &p : V)
     if (p[1] < -0.8 && std::hypot(p[0] - h.electrodes[0][0], p[2] - h.electrodes[0][2]) > 0.2 &&
         h.electrodes.size() == 1)
       h.electrodes.push_back(p);
@@ -194,27 +188,23 @@ TEST(PlotHead, ScalpColoursAndElectrodesFaceTheRightWayInEachView) {
   h.show_labels = false;
   h.views = {"top", "front", "left", "right"};
   HeadLayout l = head_layout(h);
-  Image img(render_image(l.width, l.height, [&](cairo_t *cr) { draw_head(cr, h, l); }));
-  // Where the subject's right appears, as a viewer sees it: on the right
-  // from above, on the left from the front; only one side from the sides.
-  const struct {
-    const char *view;
-    double right_side;  // sign of the picture's x at which +x potentials show
-  } cases[] = {{"top", 1}, {"front", -1}, {"left", 0}, {"right", 0}};
+  Image img{render_image(l.width, l.height, [&](cairo_t *cr) { draw_head(cr, h, l); })};
+  // The side of the picture where +x potentials show: right from above, left
+  // from the front; the side views see one sign only.
+  const double right_side[] = {1, -1, 0, 0};
   for (size_t c = 0; c < 4; c++) {
     const auto &cell = l.cells[c];
-    ASSERT_EQ(cell.view, cases[c].view);
-    double off = 0.5 * l.scale;  // half the sphere's radius, in pixels
-    if (cases[c].right_side != 0) {
-      EXPECT_GT(map_position(img.at((int)(cell.cx + cases[c].right_side * off), (int)cell.cy)), 0.2) << cell.view;
-      EXPECT_LT(map_position(img.at((int)(cell.cx - cases[c].right_side * off), (int)cell.cy)), -0.2) << cell.view;
+    ASSERT_EQ(cell.view, h.views[c]);
+    const double off = 0.5 * l.scale;  // half the sphere's radius, in pixels
+    if (right_side[c] != 0) {
+      EXPECT_GT(map_position(img.at((int)(cell.cx + right_side[c] * off), (int)cell.cy)), 0.2) << cell.view;
+      EXPECT_LT(map_position(img.at((int)(cell.cx - right_side[c] * off), (int)cell.cy)), -0.2) << cell.view;
     } else {
       double sign = cell.view == std::string("right") ? 1 : -1;
       EXPECT_GT(sign * map_position(img.at((int)cell.cx, (int)cell.cy)), 0.5) << cell.view;
     }
   }
-  // From the front the face electrode shows as a dark dot; the one on the
-  // back of the head does not show through.
+  // From the front the face electrode shows as a dark dot; the back one does not show through.
   auto dark = [&](std::array<double, 2> p) {
     auto c = img.at((int)p[0], (int)p[1]);
     return c[0] < 60 && c[1] < 60 && c[2] < 60;
@@ -228,8 +218,7 @@ TEST(PlotSections, MovingDipolesStandWhereTheSolutionPutsThemAtTheSample) {
   write_sphere(dir, "brain.tri", 2, 0.1);
   write_file(dir.file("geometry.ans"), dir.file("brain.tri") + "\n0.33\n\n");
   write_file(dir.file("start.pos"), "2\n1 0 0 0\n2 0 0 0\n1 position moving\n2 position moving\n");
-  // Rows: the moments of both dipoles (x, y, z each), then their positions;
-  // row r holds 0.01 r at the first sample and 0.01 r + 0.005 at the second.
+  // Rows: both moments, then both positions; row r holds 0.01 r, then 0.01 r + 0.005.
   std::vector<float> m;
   for (int r = 0; r < 12; r++) m.insert(m.end(), {0.01f * r, 0.01f * r + 0.005f});
   write_matrix(dir.file("fit.mat"), 12, 2, m, "");
@@ -247,26 +236,22 @@ TEST(PlotSections, MovingDipolesStandWhereTheSolutionPutsThemAtTheSample) {
 TEST(PlotSpline, PassesThroughTheElectrodesAndKeepsAConstant) {
   TriMesh m = icosphere(1, 1.0);
   std::vector<Vec3> dirs;
-  std::vector<double> wave, flat;
+  std::vector<double> wave;
   for (auto &p : m.pnt) {
     double n = std::hypot(p[0], p[1], p[2]);
     dirs.push_back({p[0] / n, p[1] / n, p[2] / n});
     wave.push_back(dirs.back()[0] * dirs.back()[2] + 0.5 * dirs.back()[1]);
-    flat.push_back(2.5);
   }
   SphericalSpline s(dirs);
-  std::vector<double> cw = s.fit(wave), cf = s.fit(flat);
-  for (size_t i = 0; i < dirs.size(); i++) {
-    EXPECT_NEAR(s.evaluate(cw, dirs[i]), wave[i], 1e-4);
-    EXPECT_NEAR(s.evaluate(cf, {0.6, 0, 0.8}), 2.5, 1e-9);
-  }
+  std::vector<double> cw = s.fit(wave);
+  for (size_t i = 0; i < dirs.size(); i++) EXPECT_NEAR(s.evaluate(cw, dirs[i]), wave[i], 1e-4);
+  EXPECT_NEAR(s.evaluate(s.fit(std::vector<double>(dirs.size(), 2.5)), {0.6, 0, 0.8}), 2.5, 1e-9);
 }
 
 TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
   TempDir dir;
   write_matrix(dir.file("own.mat"), 2, 2, {1, -2, 3.5f, 4}, "Sample Frequency\n250 Hz\n");
-  // The same matrix written on a machine of the other byte order.
-  std::string own = read_file(dir.file("own.mat")), other = own;
+  std::string other = read_file(dir.file("own.mat"));  // as the other byte order writes it
   for (size_t w = 0; w + 4 <= 24; w += 4) std::reverse(other.begin() + w, other.begin() + w + 4);
   write_file(dir.file("other.mat"), other);
   write_file(dir.file("text.mat"), "2 2\n1 -2\n3.5 4\n\nsample freq\n250\n");
@@ -280,9 +265,7 @@ TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
   write_matrix(dir.file("negative.mat"), -2, 3, {}, "");
   write_file(dir.file("word.mat"), "2 1\n1.5\nx\n");
   write_file(dir.file("empty.mat"), "");
-  const struct {
-    const char *name, *message;
-  } bad[] = {{"short.mat", "short.mat: byte 8: 3 x 2 values announced"},
+  const struct { const char *name, *message; } bad[] = {{"short.mat", "short.mat: byte 8: 3 x 2 values announced"},
              {"nan.mat", "nan.mat: row 1, column 2: the value is not a finite number"},
              {"negative.mat", "negative.mat: byte 0"},
              {"word.mat", "word.mat: value 2: missing or not a number"},
@@ -299,10 +282,7 @@ TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
 
 TEST(PlotPositionFile, ConstraintLinesDecideTheMomentRowsOfEachSource) {
   TempDir dir;
-  const struct {
-    const char *constraints;
-    std::vector<int> rows;
-  } cases[] = {
+  const struct { const char *constraints; std::vector<int> rows; } cases[] = {
       {"", {3, 3, 3}},
       {"1 position stationary\n# a comment\n2 p st o st\n", {3, 1, 3}},
       {"2 orientation=stationary\n3 symmetric to 2\n", {3, 1, 1}},
