@@ -97,7 +97,7 @@ TEST(Electrodes, UnusableAnswersAreAskedAgain) {
   for (const char *content : {"hello\n", "0\n1 1\n", "2000000000\n1 1\n2 2\n", "3\n1 1\n2 2\n", "2\n1 1\nx y\n",
                               "2\n1 0.2 0.2\n2 0.1\n"}) {
     const ProcResult p = run_probe({}, "el.txt\n\n", content);
-    EXPECT_EQ(p.status, 0) << p.err;
+    EXPECT_TRUE(p.status == 0 && p.err.empty()) << p.err;
     EXPECT_EQ(p.out.rfind(PROMPT + PROMPT + "All vertices of first interface are electrodes\n", 0), 0u) << content << p.out;
   }
   ProcResult p = run_probe({}, "nofile.txt\nel.txt\n", "1\n1 2\n");
