@@ -29,9 +29,7 @@ TEST(Forward, DirectStoredAndLoadedRuns) {
   TempDir dir;
   const TriMesh mesh = icosphere(3, 1.0);
   ASSERT_TRUE(write_trimesh(dir.file("sphere.tri"), mesh, false));
-  std::string sources = "5\n";
-  for (int k = 0; k < 5; k++) sources += std::to_string(k + 1) + " 0 0 " + std::to_string(ECC[k]) + "\n";
-  write_file(dir.file("sources.pos"), sources);
+  write_file(dir.file("sources.pos"), "5\n1 0 0 0.1\n2 0 0 0.3\n3 0 0 0.5\n4 0 0 0.7\n5 0 0 0.8\n");  // at ECC
 
   const std::string model = std::string(BANNER) + GEO_INTRO +
                             "\nFilename of interface 1: sphere.tri contains 642 vertices and 1280 triangles\n"
