@@ -1,6 +1,7 @@
 // Surface import: one head written in every format by small writers here,
 // independent of the readers, must read back as the same mesh; one broken
 // file per reader family must be refused naming the file, place and fault.
+// Also brelix's own triangle files, head folders and the generated head.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -8,8 +9,11 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <set>
 
 #include "cli/failure.h"
+#include "surface/brelix_tri.h"
+#include "surface/head_dir.h"
 #include "surface/import.h"
 #include "surface/transform.h"
 #include "tests/support/files.h"
@@ -213,14 +217,30 @@ const Format FORMATS[] = {
     {"head_n0.tri", "text .tri with normals", [](const TriMesh &m) { return normals_tri(m, 0); }},
 };
 
-template <class F>
-std::string refusal(F &&read) {
-  try {
-    read();
-  } catch (const InputError &e) {
-    return e.what();
+struct Refusal {
+  std::string file, contents, message;  // the message without "FOLDER/FILE: "
+};
+
+// `read` must refuse each file with an InputError naming it by its path.
+void expect_refusals(const TempDir &dir, const std::vector<Refusal> &cases,
+                     const std::function<void(const std::string &)> &read) {
+  for (const Refusal &c : cases) {
+    write_file(dir.file(c.file), c.contents);
+    try {
+      read(dir.file(c.file));
+      ADD_FAILURE() << c.file << " accepted";
+    } catch (const InputError &e) {
+      EXPECT_NE(std::string(e.what()).find(dir.file(c.file) + ": " + c.message), std::string::npos) << e.what();
+    }
   }
-  return "(accepted)";
+}
+
+// A tetrahedron, clockwise seen from outside.
+TriMesh tetrahedron() {
+  TriMesh t;
+  t.pnt = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+  t.dhk = {{0, 1, 2}, {0, 3, 1}, {0, 2, 3}, {1, 3, 2}};
+  return t;
 }
 
 TEST(SurfaceImport, EveryFormatGivesTheSameHead) {
@@ -281,47 +301,35 @@ TEST(SurfaceImport, PolygonsAreSplitAsFans) {
 
 TEST(SurfaceImport, BrokenFilesNameFilePlaceAndFault) {
   TempDir dir;
-  TriMesh tet;
-  tet.pnt = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
-  tet.dhk = {{0, 1, 2}, {0, 3, 1}, {0, 2, 3}, {1, 3, 2}};
+  const TriMesh tet = tetrahedron();
   TriMesh nan_tet = tet, bad_tet = tet;
   nan_tet.pnt[2][1] = NAN;
   bad_tet.dhk[3][1] = 7;
   auto with = [](std::string s, size_t at, const std::string &bytes) { return s.replace(at, bytes.size(), bytes); };
-  std::string huge_be, huge_le;
-  put<int32_t>(huge_be, 1 << 28, true);
+  std::string huge_le;
   put<uint32_t>(huge_le, 1u << 28, false);
   const std::string fs = fs_binary(tet);
-  struct Case {
-    const char *file;
-    std::string contents;
-    const char *message;
-  } cases[] = {
-      {"cut.seghead", fs.substr(0, fs.size() - 5), "cut.seghead: byte 30: 4 vertices and 4 faces need 96 bytes, but only 91"},
-      {"nan.asc", FORMATS[1].write(nan_tet), "nan.asc: line 5: vertex 3 has a coordinate that is not a finite number"},
-      {"bad.off", FORMATS[2].write(bad_tet), "bad.off: line 11: face 4 refers to vertex 7, outside the 4 vertices numbered from 0"},
-      {"bad.obj", "v 0 0 0\nv 1 0 0\nf 1 2 3\n", "bad.obj: line 3: face 1 refers to vertex 3, outside the 2 vertices numbered from 1"},
-      {"cut.stl", stl_ascii(tet).substr(0, 200), "cut.stl: line 12: file ends inside the solid"},
-      {"huge.stl", with(stl_binary(tet), 80, huge_le), "huge.stl: byte 80: facet count 268435456 needs"},
+  expect_refusals(dir, {
+      {"cut.seghead", fs.substr(0, fs.size() - 5), "byte 30: 4 vertices and 4 faces need 96 bytes, but only 91"},
+      {"nan.asc", FORMATS[1].write(nan_tet), "line 5: vertex 3 has a coordinate that is not a finite number"},
+      {"bad.off", FORMATS[2].write(bad_tet), "line 11: face 4 refers to vertex 7, outside the 4 vertices numbered from 0"},
+      {"bad.obj", "v 0 0 0\nv 1 0 0\nf 1 2 3\n", "line 3: face 1 refers to vertex 3, outside the 2 vertices numbered from 1"},
+      {"cut.stl", stl_ascii(tet).substr(0, 200), "line 12: file ends inside the solid"},
+      {"huge.stl", with(stl_binary(tet), 80, huge_le), "byte 80: facet count 268435456 needs"},
       {"huge.ply", "ply\nformat ascii 1.0\nelement vertex 9999\nproperty float x\nproperty float y\nproperty float z\nend_header\n0 0 0\n",
-       "huge.ply: line 3: element vertex count 9999 is more than the rest of the file can hold"},
-      {"cut.ply", ply_binary(tet, true).substr(0, 300), "cut.ply: byte 297: file ends while reading face 2 vertex_indices"},
-      {"nan.vtk", FORMATS[9].write(nan_tet), "nan.vtk: line 8: vertex 3 has a coordinate that is not a finite number"},
-      {"bad_b.vtk", vtk_binary(bad_tet), "bad_b.vtk: byte 133 (polygon 4): face 4 refers to vertex 7"},
-      {"huge.gii", gifti(tet, "GZipBase64Binary").replace(gifti(tet, "ASCII").find("Dim0=\"4\""), 8, "Dim0=\"99999999\""), "huge.gii: line 4 (DataArray 1): Dim0 99999999 is more than the compressed data can hold"},
-      {"bad.gii", gifti(bad_tet, "Base64Binary"), "bad.gii: line 8 (DataArray 2): face 4 refers to vertex 7"},
-      {"broken.gii", "<?xml version=\"1.0\"?>\n<GIFTI>\n<DataArray>\n</GIFTI>\n", "broken.gii: line 4: not well-formed XML"},
-      {"huge.tri", with(FORMATS[16].write(tet), 2, "99"), "huge.tri: line 1: vertex count 990 is more than"},
-      {"bad_n.tri", FORMATS[16].write(bad_tet), "bad_n.tri: line 10: face 4 refers to vertex 8, outside the 4 vertices numbered from 1"},
+       "line 3: element vertex count 9999 is more than the rest of the file can hold"},
+      {"cut.ply", ply_binary(tet, true).substr(0, 300), "byte 297: file ends while reading face 2 vertex_indices"},
+      {"nan.vtk", FORMATS[9].write(nan_tet), "line 8: vertex 3 has a coordinate that is not a finite number"},
+      {"bad_b.vtk", vtk_binary(bad_tet), "byte 133 (polygon 4): face 4 refers to vertex 7"},
+      {"huge.gii", gifti(tet, "GZipBase64Binary").replace(gifti(tet, "ASCII").find("Dim0=\"4\""), 8, "Dim0=\"99999999\""), "line 4 (DataArray 1): Dim0 99999999 is more than the compressed data can hold"},
+      {"bad.gii", gifti(bad_tet, "Base64Binary"), "line 8 (DataArray 2): face 4 refers to vertex 7"},
+      {"broken.gii", "<?xml version=\"1.0\"?>\n<GIFTI>\n<DataArray>\n</GIFTI>\n", "line 4: not well-formed XML"},
+      {"huge.tri", with(FORMATS[16].write(tet), 2, "99"), "line 1: vertex count 990 is more than"},
+      {"bad_n.tri", FORMATS[16].write(bad_tet), "line 10: face 4 refers to vertex 8, outside the 4 vertices numbered from 1"},
       {"huge.vtk", "# vtk DataFile Version 3.0\nh\nASCII\nDATASET POLYDATA\nPOINTS 3074457345618258603 float\n0 0 0\n",
-       "huge.vtk: line 5: point count 3074457345618258603 is not a surface's"},
-      {"head.xyz", "1 2 3\n", "head.xyz: cannot tell the surface format"},
-  };
-  for (const Case &c : cases) {
-    write_file(dir.file(c.file), c.contents);
-    std::string msg = refusal([&] { read_surface(dir.file(c.file)); });
-    EXPECT_NE(msg.find(dir.file(c.message)), std::string::npos) << c.file << ": " << msg;
-  }
+       "line 5: point count 3074457345618258603 is not a surface's"},
+      {"head.xyz", "1 2 3\n", "cannot tell the surface format"},
+  }, [](const std::string &path) { read_surface(path); });
 }
 
 // Damaged copies of every format (cut short, bytes overwritten, numbers
@@ -373,9 +381,7 @@ TEST(SurfaceTransform, AffineFilesMoveAndMirrorsKeepTheOrientation) {
   TempDir dir;
   write_file(dir.file("rot.txt"), "# x to y\n0 -1 0 10\n1 0 0 20\n0 0 1 30\n0 0 0 1\n");
   write_file(dir.file("mirror.txt"), "-1 0 0 0  0 1 0 0  0 0 1 0\n");
-  Mesh m;
-  m.vertices = {{1, 2, 3}, {4, 5, 6}, {7, 8, 10}};
-  m.triangles = {{0, 1, 2}};
+  const Mesh m{{{1, 2, 3}, {4, 5, 6}, {7, 8, 10}}, {{0, 1, 2}}};
   Mesh r = m;
   apply_affine(read_affine(dir.file("rot.txt")), r);
   EXPECT_EQ(r.vertices[0], (Vec3{8, 21, 33}));
@@ -384,17 +390,137 @@ TEST(SurfaceTransform, AffineFilesMoveAndMirrorsKeepTheOrientation) {
   apply_affine(read_affine(dir.file("mirror.txt")), f);
   EXPECT_EQ(f.vertices[1], (Vec3{-4, 5, 6}));
   EXPECT_EQ(f.triangles[0], (Tri{0, 2, 1}));
-  struct Bad {
-    const char *text, *message;
-  } bad[] = {{"1 0 0 0\n0 1 0 0\n0 0 1 0\n1 0 0 1\n", "t.txt: line 4: the last row must be 0 0 0 1"},
-             {"1 0 0\n", "t.txt: holds 3 numbers"},
-             {"1 0 0 0\n0 1 0 0\n0 0 0 0\n", "t.txt: the transform flattens space"},
-             {"1 0 0 0\n0 x 0 0\n", "t.txt: line 2: \"x\" is not a number"}};
-  for (const Bad &b : bad) {
-    write_file(dir.file("t.txt"), b.text);
-    std::string msg = refusal([&] { read_affine(dir.file("t.txt")); });
-    EXPECT_NE(msg.find(dir.file(b.message)), std::string::npos) << b.text << " -> " << msg;
+  expect_refusals(dir, {{"t.txt", "1 0 0 0\n0 1 0 0\n0 0 1 0\n1 0 0 1\n", "line 4: the last row must be 0 0 0 1"},
+                        {"t.txt", "1 0 0\n", "holds 3 numbers"},
+                        {"t.txt", "1 0 0 0\n0 1 0 0\n0 0 0 0\n", "the transform flattens space"},
+                        {"t.txt", "1 0 0 0\n0 x 0 0\n", "line 2: \"x\" is not a number"}},
+                  [](const std::string &path) { read_affine(path); });
+}
+
+void expect_same(const Mesh &a, const Mesh &b) {
+  ASSERT_EQ(a.vertices.size(), b.vertices.size());
+  ASSERT_EQ(a.triangles, b.triangles);
+  for (size_t i = 0; i < a.vertices.size(); i++) ASSERT_EQ(a.vertices[i], b.vertices[i]) << "vertex " << i;
+}
+
+// Binary brelix file in this machine's order, independent of the reader.
+std::string binary_tri(const TriMesh &m) {
+  std::string s;
+  put<int32_t>(s, (int32_t)m.pnt.size(), false);
+  for (auto &p : m.pnt)
+    for (float c : p) put(s, c, false);
+  put<int32_t>(s, (int32_t)m.dhk.size(), false);
+  for (auto &t : m.dhk)
+    for (int i : t) put<int32_t>(s, i, false);
+  return s;
+}
+
+TEST(BrelixTri, WrittenTextReadsBackExactlyAndMatchesBinaryAndShortForms) {
+  TempDir dir;
+  Mesh head = head_layer_mesh(2, HEAD_SKULL);
+  write_brelix_tri_file(dir.file("a.tri"), head);
+  expect_same(read_brelix_tri(dir.file("a.tri")), head);
+
+  const Mesh tet = as_mesh(tetrahedron());
+  write_file(dir.file("b.tri"), binary_tri(tetrahedron()));
+  expect_same(read_brelix_tri(dir.file("b.tri")), tet);
+  // Without running numbers, CRLF line ends, a vertex line with a number
+  // and more than three coordinates-worth of fields.
+  write_file(dir.file("c.tri"), "4\r\n0 0 0\r\n2 1 0 0 9\r\n0 1 0\r\n4 0 0 1\r\n4\r\n1 2 3\r\n1 4 2\r\n1 3 4\r\n4 2 4 3\r\n");
+  expect_same(read_brelix_tri(dir.file("c.tri")), tet);
+  // A text file that ends after its vertices holds no triangles.
+  write_file(dir.file("d.tri"), "1\n0 0 0\n");
+  EXPECT_EQ(read_brelix_tri(dir.file("d.tri")).triangles.size(), 0u);
+}
+
+TEST(BrelixTri, BadFilesNameFilePlaceAndFault) {
+  TempDir dir;
+  const std::string bin_ok = binary_tri(tetrahedron());
+  auto with = [&](size_t at, auto v) {
+    std::string s = bin_ok;
+    memcpy(&s[at], &v, 4);
+    return s;
+  };
+  expect_refusals(dir, {
+      {"short.tri", "3\n1 0.5 0.5 0.5\n2 1.5 0.5 0.5\n", "line 4: file ends after 2 of 3 vertices"},
+      {"few.tri", "2\n1 0 0 0\n2 1 \n", "line 3: vertex 2 needs three coordinates"},
+      {"count.tri", "99999\n1 0 0 0\n", "line 1: vertex count 99999 is more than the rest"},
+      {"nan.tri", "2\n0 0 0\n0 nan 0\n0\n", "line 3: vertex 2 has a coordinate that is not a finite"},
+      {"index.tri", "3\n0 0 0\n1 0 0\n0 1 0\n1\n1 2 4\n", "line 6: face 1 refers to vertex 4, outside the 3 vertices numbered from 1"},
+      {"trishort.tri", "3\n0 0 0\n1 0 0\n0 1 0\n2\n1 1 2 3     \n", "line 7: file ends after 1 of 2 triangles"},
+      {"b_short.tri", bin_ok.substr(0, 60), "byte 52: triangle count 4 is more than the rest of the file can hold"},
+      {"b_huge.tri", with(0, int32_t(1 << 30)), "byte 0: vertex count 1073741824 is more than"},
+      {"b_nan.tri", with(4 + 7 * 4, float(NAN)), "byte 28: vertex 3 has"},
+      {"b_index.tri", with(4 + 48 + 4 + 5 * 4, int32_t(4)), "byte 68: face 2 refers to vertex 4, outside the 4 vertices numbered from 0"},
+  }, [](const std::string &path) { read_brelix_tri(path); });
+}
+
+TEST(HeadDir, ReadsGeneratedHeadAndResolvesBareNamesBesideTheAnswers) {
+  TempDir dir;
+  ASSERT_TRUE(write_head(dir.path(), 2, true));
+  std::vector<HeadSurface> head = read_head_dir(dir.path());
+  ASSERT_EQ(head.size(), 3u);
+  for (int k = 0; k < 3; k++) {
+    EXPECT_EQ(head[k].file, dir.file(std::string(head_layer_name[k]) + ".tri"));
+    EXPECT_EQ(head[k].sigma, head_layer_sigma[k]);
+    EXPECT_EQ(head[k].isolated, k == HEAD_BRAIN);
+    expect_same(head[k].mesh, head_layer_mesh(2, (HeadLayer)k));
   }
+  // Names without a folder are found beside geometry.ans; an empty
+  // conductivity answer is brelix's default 1.
+  write_file(dir.file("other.ans"), "brain.tri\n\n\nrest of the dialogue\n");
+  head = read_head_dir(dir.file("other.ans"));
+  ASSERT_EQ(head.size(), 1u);
+  EXPECT_EQ(head[0].sigma, 1.0);
+  expect_same(read_scalp(dir.path()), head_layer_mesh(2, HEAD_SCALP));
+
+  expect_refusals(dir, {{"bad.ans", "nothere.tri\n0.33\n\n", "line 1: surface file nothere.tri not found"},
+                        {"bad.ans", "scalp.tri\nabc\n\n", "line 2: \"abc\" is not a conductivity"},
+                        {"bad.ans", "!scalp.tri\n1\n!brain.tri\n1\n\n", "line 3: a second surface marked \"!\""},
+                        {"bad.ans", "scalp.tri\n1\n", "the list of surfaces does not end with an empty line"}},
+                  [](const std::string &path) { read_head_dir(path); });
+}
+
+// Solid angle of a triangle seen from p, positive when its right-hand
+// normal points away from p.
+double solid_angle(const Vec3 &p, const Vec3 &a, const Vec3 &b, const Vec3 &c) {
+  double r[3][3];
+  for (int k = 0; k < 3; k++) r[0][k] = a[k] - p[k], r[1][k] = b[k] - p[k], r[2][k] = c[k] - p[k];
+  auto dot = [](const double *u, const double *v) { return u[0] * v[0] + u[1] * v[1] + u[2] * v[2]; };
+  double l[3] = {std::sqrt(dot(r[0], r[0])), std::sqrt(dot(r[1], r[1])), std::sqrt(dot(r[2], r[2]))};
+  double det = r[0][0] * (r[1][1] * r[2][2] - r[1][2] * r[2][1]) - r[0][1] * (r[1][0] * r[2][2] - r[1][2] * r[2][0]) +
+               r[0][2] * (r[1][0] * r[2][1] - r[1][1] * r[2][0]);
+  double den = l[0] * l[1] * l[2] + dot(r[0], r[1]) * l[2] + dot(r[0], r[2]) * l[1] + dot(r[1], r[2]) * l[0];
+  return 2 * std::atan2(det, den);
+}
+
+TEST(HeadShape, NestedInwardOrientedMirrorSymmetricAndNotASphere) {
+  Mesh layer[3];
+  for (int k = 0; k < 3; k++) layer[k] = head_layer_mesh(3, (HeadLayer)k);
+  for (int k = 0; k < 3; k++) {
+    const Mesh &m = layer[k];
+    EXPECT_EQ(m.vertices.size(), 642u);
+    std::set<Vec3> all(m.vertices.begin(), m.vertices.end());
+    for (const Vec3 &p : m.vertices) ASSERT_TRUE(all.count({-p[0], p[1], p[2]})) << "layer " << k;
+    // Every vertex of the next surface in lies inside this one (total solid
+    // angle -4pi: normals inwards) and at least 5 mm from its vertices.
+    if (k == 2) continue;
+    for (const Vec3 &p : layer[k + 1].vertices) {
+      double omega = 0, gap = 1;
+      for (const Tri &t : m.triangles) omega += solid_angle(p, m.vertices[t[0]], m.vertices[t[1]], m.vertices[t[2]]);
+      for (const Vec3 &q : m.vertices) gap = std::min(gap, std::hypot(p[0] - q[0], p[1] - q[1], p[2] - q[2]));
+      ASSERT_NEAR(omega, -4 * M_PI, 1e-6);
+      ASSERT_GT(gap, 0.005);
+    }
+  }
+  // Head proportions: wider front-back than left-right, flat base.
+  double lo[3] = {1, 1, 1}, hi[3] = {-1, -1, -1};
+  for (const Vec3 &p : layer[0].vertices)
+    for (int a = 0; a < 3; a++) lo[a] = std::min(lo[a], p[a]), hi[a] = std::max(hi[a], p[a]);
+  EXPECT_NEAR(hi[0] - lo[0], 0.15, 0.002);
+  EXPECT_NEAR(hi[1] - lo[1], 0.19, 0.002);
+  EXPECT_NEAR(hi[2], 0.085, 0.002);
+  EXPECT_NEAR(lo[2], -0.055, 0.002);
 }
 
 }  // namespace
