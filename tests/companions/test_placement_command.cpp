@@ -167,8 +167,6 @@ TEST(PlacementCommand, BadInputIsRefusedAndNothingWritten) {
   write_file(dir.file("twice.sfp"), "Fz 0 0 90\nCz 0 10 89\nfz 0 -10 89\n");
   write_file(dir.file("far.sfp"), "Fz 0 0 90\nCz 0 0 150\nPz 0 0 -125\n");
   write_file(dir.file("long.sfp"), "Fz 0 0 90\nVeryLongLabel 0 10 89\n");
-  write_file(dir.file("short.elc"), "NumberPositions= 3\nUnitPosition mm\nPositions\n0 0 90\n0 10 89\n");
-  write_file(dir.file("cap.xyz"), "not a table\n");
   write_file(dir.file("nofid.sfp"), "Fz 0 0 90\nLPA -90 0 0\nRPA 90 0 0\n");
   write_file(dir.file("head.txt"), "Nz 0 0.09 0\nLPA -0.09 0 0\nRPA 0.09 0 0\n");
   write_file(dir.file("flat.txt"), "Nz 0 0.09 0\nIz 0 0.09 0.001\nLPA -0.09 0 0\nRPA 0.09 0 0\n");
@@ -179,8 +177,6 @@ TEST(PlacementCommand, BadInputIsRefusedAndNothingWritten) {
       {{"twice.sfp"}, "twice.sfp: line 3: label 'fz' also names the electrode at line 1"},
       {{"far.sfp", "--units", "mm"}, "far.sfp: 2 electrodes farther than 10 mm from the scalp (--max-distance): Cz (60.0 mm), Pz (35.0 mm)"},
       {{"long.sfp"}, "long.sfp: line 2: label 'VeryLongLabel' is longer than the 10 characters brelix keeps"},
-      {{"short.elc"}, "short.elc: line 5: the Positions block ends after 2 of 3 positions"},
-      {{"cap.xyz"}, "cap.xyz: unknown position format: not .elc .sfp .txt .csv .tsv .elp .bvef .loc .locs, nor rows of label x y z"},
       {{"nofid.sfp", "--fiducials", "head.txt"}, "nofid.sfp: no nasion (a label Nz, Nasion, FidNz; other names with --nasion)"},
       // Metres read as millimetres: the landmark sits at the centre, 88 mm
       // from the faces of the 162-vertex sphere.
