@@ -1,13 +1,14 @@
 // brelix-plot as a user runs it: every command writes each picture format,
 // and bad input ends with a message and status 2 and leaves nothing behind.
+#include <expat.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <set>
 
 #include "tests/support/files.h"
+#include "tests/support/h3_bytes.h"
 #include "tests/support/process.h"
 
 namespace {
@@ -34,12 +35,8 @@ struct Scene {
     write_file(dir.file("truth.pos"), "1\n1 0.25 0.3 0.45\n");
     std::filesystem::create_directory(dir.file("out"));
   }
-  void matrix(const std::string &name, int32_t rows, int32_t cols, const std::vector<float> &v) {
-    std::ofstream f(dir.file(name), std::ios::binary);
-    int32_t rc[2] = {rows, cols};
-    f.write((const char *)rc, 8);
-    f.write((const char *)v.data(), (std::streamsize)(4 * v.size()));
-    f << "sample frequency\n500 Hz\n";
+  void matrix(const std::string &name, int rows, int cols, const std::vector<float> &v) {
+    write_file(dir.file(name), matrix_bytes(rows, cols, v, "sample frequency\n500 Hz\n"));
   }
   ProcResult run(std::vector<std::string> args) { return run_process(BRELIX_PLOT_EXE, args, "", dir.path(), 60); }
   std::set<std::string> outputs() {
@@ -58,32 +55,11 @@ std::vector<std::string> command(const std::string &which, const std::string &ou
   return {"head", "--head", ".", "--electrodes", "e.elc", "--potentials", "scalp.mat", "--view", "left", "-o", out};
 }
 
-// Well-formed XML, checked simply: tags nest and close, and nothing but
-// white space follows the root.
 bool well_formed(const std::string &xml) {
-  std::vector<std::string> open;
-  bool root_closed = false;
-  for (size_t i = 0; i < xml.size();) {
-    if (xml[i] != '<') {
-      if (root_closed && !isspace((unsigned char)xml[i])) return false;
-      i++;
-      continue;
-    }
-    size_t end = xml.find('>', i);
-    if (end == std::string::npos) return false;
-    std::string tag = xml.substr(i + 1, end - i - 1);
-    i = end + 1;
-    if (tag[0] == '?' || tag[0] == '!') continue;  // declaration, comment
-    if (tag[0] == '/') {
-      if (open.empty() || open.back() != tag.substr(1)) return false;
-      open.pop_back();
-      root_closed = open.empty();
-    } else if (tag.back() != '/') {
-      if (root_closed) return false;
-      open.push_back(tag.substr(0, tag.find_first_of(" \t\n")));
-    }
-  }
-  return open.empty() && root_closed;
+  XML_Parser p = XML_ParserCreate(nullptr);
+  const bool ok = XML_Parse(p, xml.data(), (int)xml.size(), XML_TRUE) == XML_STATUS_OK;
+  XML_ParserFree(p);
+  return ok;
 }
 
 TEST(PlotProgram, EveryCommandWritesEachFormat) {
@@ -93,16 +69,16 @@ TEST(PlotProgram, EveryCommandWritesEachFormat) {
       std::string out = std::string("out/") + which + suffix;
       ProcResult r = s.run(command(which, out));
       ASSERT_EQ(r.status, 0) << which << suffix << ": " << r.err;
-      const std::string body = read_file(s.dir.file(out)), what = out;
+      const std::string body = read_file(s.dir.file(out));
       if (suffix == std::string(".png"))
-        EXPECT_EQ(body.substr(0, 8), "\x89PNG\r\n\x1a\n") << what;
+        EXPECT_EQ(body.substr(0, 8), "\x89PNG\r\n\x1a\n") << out;
       else if (suffix == std::string(".svg"))
-        EXPECT_TRUE(well_formed(body)) << what;
+        EXPECT_TRUE(well_formed(body)) << out;
       else {
-        EXPECT_EQ(body.substr(0, 5), "%PDF-") << what;
+        EXPECT_EQ(body.substr(0, 5), "%PDF-") << out;
         // No clock in the file: the same input gives the same bytes.
-        EXPECT_EQ(body.find("/CreationDate"), std::string::npos) << what;
-        EXPECT_EQ(body.substr(body.find_last_not_of("\r\n") - 4, 5), "%%EOF") << what;
+        EXPECT_EQ(body.find("/CreationDate"), std::string::npos) << out;
+        EXPECT_EQ(body.substr(body.find_last_not_of("\r\n") - 4, 5), "%%EOF") << out;
       }
     }
   EXPECT_EQ(s.outputs().size(), 12u);

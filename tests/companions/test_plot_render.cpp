@@ -1,33 +1,31 @@
 // Pictures read back pixel by pixel: the figures the topomap and dipoles
-// commands build from their files, rendered into memory.
+// commands build from their files, rendered into memory; and the geometry
+// under them: plane cuts of closed surfaces, contour lines of sampled fields,
+// round tick values with SI prefixes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 
 #include "cli/failure.h"
 #include "plotting/colormap.h"
+#include "plotting/colour_bar.h"
+#include "plotting/contours.h"
 #include "plotting/dense_solve.h"
 #include "plotting/dipoles_command.h"
 #include "plotting/figure.h"
 #include "plotting/head_view.h"
 #include "plotting/matrix_file.h"
 #include "plotting/position_file.h"
+#include "plotting/section.h"
 #include "plotting/spherical_spline.h"
 #include "plotting/topomap_command.h"
 #include "tests/support/files.h"
+#include "tests/support/h3_bytes.h"
+#include "tools/headshape.h"
 
 namespace {
-
-void write_matrix(const std::string &path, int rows, int cols, const std::vector<float> &v, const std::string &tail) {
-  std::ofstream f(path, std::ios::binary);
-  int32_t rc[2] = {rows, cols};
-  f.write((const char *)rc, 8);
-  f.write((const char *)v.data(), (std::streamsize)(4 * v.size()));
-  f << tail;
-}
 
 template <class F>
 auto build(F builder, std::vector<std::string> args) {
@@ -80,7 +78,7 @@ TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResid
     data.insert(data.end(), {sphere.pnt[chosen[e]][0], -sphere.pnt[chosen[e]][0]});
   }
   write_file(dir.file("e.elc"), elc);
-  write_matrix(dir.file("d.mat"), (int)chosen.size(), 2, data, "sample frequency\n100 Hz\n");
+  write_file(dir.file("d.mat"), matrix_bytes((int)chosen.size(), 2, data, "sample frequency\n100 Hz\n"));
 
   Topomap t = build(topomap_from_command_line,
                     {"topomap", "--electrodes", dir.file("e.elc"), "--head", scalp, "--data", dir.file("d.mat"),
@@ -92,11 +90,8 @@ TEST(PlotTopomap, ExtremeElectrodesTakeTheMapsEndsAndEqualMapsLeaveAUniformResid
   TopomapLayout l = topomap_layout(t);
   Image img{render_image(l.width, l.height, [&](cairo_t *cr) { draw_topomap(cr, t, l); })};
 
-  size_t lo = 0, hi = 0;
-  for (size_t e = 0; e < chosen.size(); e++) {
-    if (t.panels[0].values[e] > t.panels[0].values[hi]) hi = e;
-    if (t.panels[0].values[e] < t.panels[0].values[lo]) lo = e;
-  }
+  const auto &v = t.panels[0].values;
+  const size_t hi = std::max_element(v.begin(), v.end()) - v.begin(), lo = std::min_element(v.begin(), v.end()) - v.begin();
   EXPECT_LT(t.electrodes[hi][0], -0.9);  // the second sample was chosen
   for (int panel : {0, 1}) {
     auto p = topomap_pixel(l, panel, t.electrodes[hi]), q = topomap_pixel(l, panel, t.electrodes[lo]);
@@ -168,12 +163,9 @@ TEST(PlotSections, SphereCutsAreCirclesAndTheDipoleSitsWhereItsCoordinatesSay) {
 }
 
 TEST(PlotHead, ScalpColoursAndElectrodesFaceTheRightWayInEachView) {
-  TriMesh t = icosphere(2, 1.0);
   HeadPicture h;
-  h.surfaces.resize(1);
-  auto &V = h.surfaces[0].vertices;
-  for (auto &p : t.pnt) V.push_back({p[0], p[1], p[2]});
-  for (auto &d : t.dhk) h.surfaces[0].triangles.push_back({d[0], d[1], d[2]});
+  h.surfaces = {as_mesh(icosphere(2, 1.0))};
+  const auto &V = h.surfaces[0].vertices;
   std::vector<double> v;
   for (const Vec3 &p : V) v.push_back(p[0]);  // the subject's right positive
   h.scalp_potential = v;
@@ -221,7 +213,7 @@ TEST(PlotSections, MovingDipolesStandWhereTheSolutionPutsThemAtTheSample) {
   // Rows: both moments, then both positions; row r holds 0.01 r, then 0.01 r + 0.005.
   std::vector<float> m;
   for (int r = 0; r < 12; r++) m.insert(m.end(), {0.01f * r, 0.01f * r + 0.005f});
-  write_matrix(dir.file("fit.mat"), 12, 2, m, "");
+  write_file(dir.file("fit.mat"), matrix_bytes(12, 2, m, ""));
   DipoleSections s = build(sections_from_command_line,
                            {"dipoles", "--head", dir.path(), "--fit", dir.file("start.pos"), "--moments",
                             dir.file("fit.mat"), "--sample", "2", "--dipole", "2", "-o", dir.file("s.png")});
@@ -250,32 +242,27 @@ TEST(PlotSpline, PassesThroughTheElectrodesAndKeepsAConstant) {
 
 TEST(PlotMatrixFile, BothByteOrdersAndTextReadAlikeAndBadCountsNameTheFile) {
   TempDir dir;
-  write_matrix(dir.file("own.mat"), 2, 2, {1, -2, 3.5f, 4}, "Sample Frequency\n250 Hz\n");
-  std::string other = read_file(dir.file("own.mat"));  // as the other byte order writes it
-  for (size_t w = 0; w + 4 <= 24; w += 4) std::reverse(other.begin() + w, other.begin() + w + 4);
-  write_file(dir.file("other.mat"), other);
+  write_file(dir.file("own.mat"), matrix_bytes(2, 2, {1, -2, 3.5f, 4}, "Sample Frequency\n250 Hz\n"));
+  write_file(dir.file("other.mat"), matrix_bytes(2, 2, {1, -2, 3.5f, 4}, "Sample Frequency\n250 Hz\n", true));
   write_file(dir.file("text.mat"), "2 2\n1 -2\n3.5 4\n\nsample freq\n250\n");
   for (const char *name : {"own.mat", "other.mat", "text.mat"}) {
     MatrixFile m = read_matrix_file(dir.file(name));
     EXPECT_EQ(m.values, (std::vector<float>{1, -2, 3.5f, 4})) << name;
     EXPECT_EQ(sample_frequency(m).value_or(0), 250) << name;
   }
-  write_matrix(dir.file("short.mat"), 3, 2, {1, 2, 3}, "");
-  write_matrix(dir.file("nan.mat"), 1, 2, {1, NAN}, "");
-  write_matrix(dir.file("negative.mat"), -2, 3, {}, "");
-  write_file(dir.file("word.mat"), "2 1\n1.5\nx\n");
-  write_file(dir.file("empty.mat"), "");
-  const struct { const char *name, *message; } bad[] = {{"short.mat", "short.mat: byte 8: 3 x 2 values announced"},
-             {"nan.mat", "nan.mat: row 1, column 2: the value is not a finite number"},
-             {"negative.mat", "negative.mat: byte 0"},
-             {"word.mat", "word.mat: value 2: missing or not a number"},
-             {"empty.mat", "empty.mat: line 1: empty file"}};
+  const struct { const char *name; std::string contents, message; } bad[] = {
+      {"short.mat", matrix_bytes(3, 2, {1, 2, 3}), "byte 8: 3 x 2 values announced"},
+      {"nan.mat", matrix_bytes(1, 2, {1, NAN}), "row 1, column 2: the value is not a finite number"},
+      {"negative.mat", matrix_bytes(-2, 3, {}), "byte 0"},
+      {"word.mat", "2 1\n1.5\nx\n", "value 2: missing or not a number"},
+      {"empty.mat", "", "line 1: empty file"}};
   for (const auto &b : bad) {
+    write_file(dir.file(b.name), b.contents);
     try {
       read_matrix_file(dir.file(b.name));
       ADD_FAILURE() << b.name << " was read";
     } catch (const InputError &e) {
-      EXPECT_NE(std::string(e.what()).find(b.message), std::string::npos) << e.what();
+      EXPECT_NE(std::string(e.what()).find(dir.file(b.name) + ": " + b.message), std::string::npos) << e.what();
     }
   }
 }
@@ -298,6 +285,76 @@ TEST(PlotPositionFile, ConstraintLinesDecideTheMomentRowsOfEachSource) {
   }
   write_file(dir.file("bad.pos"), "2\n1 0 0 0\n2 0 0 1\n3 position moving\n");
   EXPECT_THROW(read_position_file(dir.file("bad.pos")), InputError);
+}
+
+TEST(PlotSection, CutsOfASphereAreClosedLoopsOnThePlane) {
+  const Mesh m = as_mesh(icosphere(2, 1.0));
+  // Through the middle (the equator runs along mesh edges, every crossing at a
+  // vertex), off-centre, through vertices exactly (a vertex on the plane counts
+  // as above it, so the loop passes it once), near a pole, and missing.
+  double on_vertex = 0;
+  for (const Vec3 &v : m.vertices)
+    if (v[2] > 0.3 && v[2] < 0.9) on_vertex = v[2];
+  ASSERT_GT(on_vertex, 0);
+  const struct { int axis; double value; size_t loops; } cases[] = {
+      {2, 0.0, 1}, {0, 0.3, 1}, {2, on_vertex, 1}, {1, -0.95, 1}, {2, 1.5, 0}};
+  for (const auto &c : cases) {
+    auto lines = plane_section(m, c.axis, c.value);
+    ASSERT_EQ(lines.size(), c.loops) << c.axis << " " << c.value;
+    for (const auto &line : lines) {
+      EXPECT_EQ(line.front(), line.back()) << "a loop closes on its first point";
+      EXPECT_GT(line.size(), 4u);
+      for (const Vec3 &p : line) {
+        EXPECT_EQ(p[c.axis], c.value);
+        double r = std::hypot(p[0], p[1], p[2]);
+        EXPECT_LE(r, 1.0 + 1e-6);
+        EXPECT_GT(r, 0.9);  // on the facets, which lie close to the sphere
+      }
+    }
+  }
+}
+
+TEST(PlotContours, StraightLevelLinesAndSaddlesThatDoNotCross) {
+  // f = x on a 5 x 4 grid: the level 1.5 is the vertical line x = 1.5.
+  std::vector<double> ramp;
+  for (int j = 0; j < 4; j++)
+    for (int i = 0; i < 5; i++) ramp.push_back(i);
+  auto segs = contour_segments(ramp, 5, 4, 1.5);
+  ASSERT_EQ(segs.size(), 3u);
+  for (auto &s : segs) {
+    EXPECT_DOUBLE_EQ(s[0], 1.5);
+    EXPECT_DOUBLE_EQ(s[2], 1.5);
+  }
+  // A saddle cell, (0,0)=1 (1,0)=0 / (0,1)=0 (1,1)=1, with a high middle: each
+  // of the two pieces wraps a low corner, not a high one.
+  auto pieces = contour_segments({1, 0, 0, 1}, 2, 2, 0.4);
+  ASSERT_EQ(pieces.size(), 2u);
+  for (auto &p : pieces) {
+    double mx = (p[0] + p[2]) / 2, my = (p[1] + p[3]) / 2;
+    EXPECT_LT(std::min(std::hypot(mx - 1, my), std::hypot(mx, my - 1)), 0.4) << mx << "," << my;
+  }
+  // A cell with a value outside the drawn area gives nothing.
+  EXPECT_TRUE(contour_segments({0, 1, NAN, 1}, 2, 2, 0.5).empty());
+}
+
+TEST(PlotTicks, RoundStepsThroughZeroAndPrefixesThatFit) {
+  const struct { double lo, hi; int count; std::vector<double> ticks; } cases[] = {
+      {-1, 1, 4, {-1, -0.5, 0, 0.5, 1}}, {0, 7, 3, {0, 5}},
+      {-0.03, 0.03, 6, {-0.03, -0.02, -0.01, 0, 0.01, 0.02, 0.03}}};
+  for (const auto &c : cases) {
+    auto t = nice_ticks(c.lo, c.hi, c.count);
+    ASSERT_EQ(t.size(), c.ticks.size()) << c.lo << ".." << c.hi;
+    for (size_t i = 0; i < t.size(); i++) EXPECT_NEAR(t[i], c.ticks[i], 1e-12);
+  }
+  EXPECT_TRUE(nice_ticks(1, 1, 5).empty());
+  const struct { double magnitude; const char *unit; double factor; const char *scaled; } units[] = {
+      {2e-6, "V", 1e6, "µV"}, {0.4, "V", 1e3, "mV"}, {12, "V", 1, "V"},
+      {3e-9, "A·m", 1e9, "nA·m"}, {0.4, "a.u.", 1, "a.u."}};
+  for (const auto &u : units) {
+    ScaledUnit s = scale_unit(u.magnitude, u.unit);
+    EXPECT_EQ(s.factor, u.factor) << u.magnitude << " " << u.unit;
+    EXPECT_EQ(s.unit, u.scaled);
+  }
 }
 
 }  // namespace
