@@ -1,16 +1,19 @@
 // brelix-prep head on broken heads: each defect of a catalogue is refused
 // with its own message, naming the surface that has it and a spot within a
 // few millimetres of it, and nothing is written; the clean head and the
-// defects that are repaired by default pass.
+// defects that are repaired by default pass.  A head as FreeSurfer writes it
+// comes out as the same head prepared by hand.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <functional>
 #include <regex>
 
 #include "tests/support/files.h"
+#include "tests/support/h3_bytes.h"
 #include "tests/support/process.h"
+#include "tests/support/program.h"
 #include "tools/headshape.h"
 
 namespace {
@@ -49,6 +52,12 @@ std::optional<std::array<double, 3>> spot_in(const std::string &message) {
   return std::array<double, 3>{std::stod(m[1]), std::stod(m[2]), std::stod(m[3])};
 }
 
+// The scalp-skull distance a report gives, in mm; -1 when it gives none.
+double scalp_skull_gap(const std::string &report) {
+  std::smatch m;
+  return std::regex_search(report, m, std::regex("1_scalp.tri - 2_skull.tri: ([0-9.]+) mm")) ? std::stod(m[1]) : -1;
+}
+
 const char *const layer_file[HEAD_LAYERS] = {"scalp.tri", "skull.tri", "brain.tri"};
 const int V = 100;  // the vertex where the defects are made (front, below the middle)
 
@@ -59,6 +68,7 @@ struct Defect {
   std::function<Point(TriMesh &)> make;    // breaks the mesh, returns the defect's spot (metres)
   std::string message;                     // what the refusal says
   double tolerance_mm;
+  std::string repair = "", repaired = "";  // the option that repairs it ("": by default), what the report says then
 };
 
 const std::vector<Defect> &catalogue() {
@@ -69,13 +79,13 @@ const std::vector<Defect> &catalogue() {
          for (auto it = around.rbegin(); it != around.rend(); ++it) m.dhk.erase(m.dhk.begin() + *it);
          return m.pnt[V];
        },
-       "not closed: 1 hole", 3},
+       "not closed: 1 hole", 3, "--fill-holes", "1 holes filled"},
       {"flipped patch", HEAD_SKULL, {"--no-orient"},
        [](TriMesh &m) {
          for (int t : fan(m, V)) std::swap(m.dhk[t][1], m.dhk[t][2]);
          return m.pnt[V];
        },
-       "inconsistent orientation: 6 triangles turn the other way", 1},
+       "inconsistent orientation: 6 triangles turn the other way", 1, "", "6 triangles flipped to agree"},
       {"self-intersection", HEAD_BRAIN, {},
        [](TriMesh &m) {
          // Pull the vertex through the head until it pokes 3 mm out of the far side.
@@ -93,7 +103,7 @@ const std::vector<Defect> &catalogue() {
          m.pnt[V] = add(m.pnt[V], outward(m.pnt[V]), 0.012);
          return add(m.pnt[V], outward(m.pnt[V]), -0.005);  // about where it passes the scalp
        },
-       "crosses the surface outside it, ", 5},
+       "crosses the surface outside it, ", 5, "--fix-gap", "moved inwards for the gap"},
       {"surfaces 0.5 mm apart", HEAD_SKULL, {},
        [](TriMesh &m) {
          // Vertex numbers share their directions across the surfaces: put the
@@ -102,7 +112,7 @@ const std::vector<Defect> &catalogue() {
          m.pnt[V] = add(s, outward(s), -0.0005);
          return m.pnt[V];
        },
-       "come 0.", 3},
+       "come 0.", 3, "--fix-gap", "moved inwards for the gap"},
       {"non-manifold edge", HEAD_SKULL, {},
        [](TriMesh &m) {
          // A fin on edge V-w: a third triangle through it, to a vertex further away.
@@ -149,7 +159,7 @@ const std::vector<Defect> &catalogue() {
            if (m.dhk[fan(m, V)[0]][c] == V) m.dhk[fan(m, V)[0]][c] = (int)m.pnt.size() - 1;
          return m.pnt[V];
        },
-       "duplicate vertices at", 1},
+       "duplicate vertices at", 1, "", "1 duplicate vertices welded"},
   };
   return defects;
 }
@@ -203,52 +213,25 @@ TEST(HeadCatalogue, CleanHeadPassesAndRepairsGiveTheCleanResult) {
   EXPECT_NE(report.find("units: m "), std::string::npos) << report;
   EXPECT_NE(report.find("checks passed"), std::string::npos) << report;
   // The head has 7 mm between its surfaces along the axes, less elsewhere.
-  std::smatch gap;
-  ASSERT_TRUE(std::regex_search(report, gap, std::regex("1_scalp.tri - 2_skull.tri: ([0-9.]+) mm")));
-  EXPECT_GT(std::stod(gap[1]), 2.0);
-  EXPECT_LE(std::stod(gap[1]), 7.0);
+  EXPECT_GT(scalp_skull_gap(report), 2.0);
+  EXPECT_LE(scalp_skull_gap(report), 7.0);
 
   // Flipped patches and duplicate vertices are repaired by default, to the
-  // very same files.
+  // very same files; holes, crossings and narrow gaps when asked for.
   for (const Defect &d : catalogue()) {
-    if (d.options.empty()) continue;
+    if (d.repaired.empty()) continue;
     const HeadFiles head([&](int k, TriMesh &m) {
       if (k == d.layer) d.make(m);
     });
-    const ProcResult fixed = head.run({});
+    const ProcResult fixed = head.run(d.repair.empty() ? std::vector<std::string>{} : std::vector{d.repair});
     ASSERT_EQ(fixed.status, 0) << d.name << ": " << fixed.err;
+    const std::string fixed_report = read_file(head.dir.file("out/report.txt"));
+    EXPECT_NE(fixed_report.find(d.repaired), std::string::npos) << d.name << "\n" << fixed_report;
+    EXPECT_GE(scalp_skull_gap(fixed_report), 2.0) << d.name << "\n" << fixed_report;
+    if (!d.repair.empty()) continue;
     for (const char *f : {"1_scalp.tri", "2_skull.tri", "3_brain.tri"})
       EXPECT_EQ(read_file(head.dir.file(std::string("out/") + f)), read_file(clean.dir.file(std::string("out/") + f)))
           << d.name << " " << f;
-    const std::string fixed_report = read_file(head.dir.file("out/report.txt"));
-    EXPECT_TRUE(fixed_report.find("6 triangles flipped to agree") != std::string::npos ||
-                fixed_report.find("1 duplicate vertices welded") != std::string::npos)
-        << d.name << "\n" << fixed_report;
-  }
-}
-
-// Holes, crossings and narrow gaps pass when their repair is asked for.
-TEST(HeadCatalogue, RepairsOnRequest) {
-  const struct {
-    std::string defect, option, done;
-  } cases[] = {
-      {"hole", "--fill-holes", "1 holes filled"},
-      {"surfaces crossing", "--fix-gap", "moved inwards for the gap"},
-      {"surfaces 0.5 mm apart", "--fix-gap", "moved inwards for the gap"},
-  };
-  for (const auto &c : cases) {
-    const auto d = std::find_if(catalogue().begin(), catalogue().end(), [&](const Defect &x) { return x.name == c.defect; });
-    ASSERT_NE(d, catalogue().end());
-    const HeadFiles head([&](int k, TriMesh &m) {
-      if (k == d->layer) d->make(m);
-    });
-    const ProcResult r = head.run({c.option});
-    ASSERT_EQ(r.status, 0) << c.defect << ": " << r.err;
-    const std::string report = read_file(head.dir.file("out/report.txt"));
-    EXPECT_NE(report.find(c.done), std::string::npos) << c.defect << "\n" << report;
-    std::smatch gap;
-    ASSERT_TRUE(std::regex_search(report, gap, std::regex("1_scalp.tri - 2_skull.tri: ([0-9.]+) mm"))) << report;
-    EXPECT_GE(std::stod(gap[1]), 2.0) << c.defect;
   }
 }
 
@@ -294,6 +277,58 @@ TEST(HeadCatalogue, ReaderRefusalReachesTheUser) {
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err.rfind("brelix-prep head: brain.tri: ", 0), 0u) << r.err;
   EXPECT_FALSE(file_exists(head.dir.file("out")));
+}
+
+// FreeSurfer's triangle surface: FF FF FE, a creator line and an empty line,
+// big-endian vertex and face counts, float coordinates and int faces.  The
+// head's triangles turn clockwise seen from outside; FreeSurfer's turn the
+// other way.
+std::string freesurfer_bytes(const TriMesh &m, double scale) {
+  Bytes b(std::endian::native == std::endian::little);
+  b.text("\xff\xff\xfe" "created by a test\n\n").i((int32_t)m.pnt.size()).i((int32_t)m.dhk.size());
+  for (const auto &p : m.pnt)
+    for (float x : p) b.f(float(x * scale));
+  for (const auto &t : m.dhk) b.i(t[0]).i(t[2]).i(t[1]);
+  return b.s;
+}
+
+// FreeSurfer's head (binary, millimetres, normals outwards) gives brelix the
+// transfer matrix of the same head written by hand (the clean head's files).
+TEST(HeadFreeSurfer, MillimetresOutwardGiveTheHandMadeTransferMatrix) {
+  HeadFiles head;
+  head.files = {"outer_skin.surf", "outer_skull.surf", "inner_skull.surf"};
+  for (int k = 0; k < HEAD_LAYERS; k++)
+    write_file(head.dir.file(head.files[k]), freesurfer_bytes(head_layer(3, (HeadLayer)k), 1000));
+  // Refused as it stands when flipping is not allowed.
+  const ProcResult strict = head.run({"--no-orient"});
+  EXPECT_EQ(strict.status, 2);
+  EXPECT_EQ(strict.err.rfind("brelix-prep head: outer_skin.surf: all triangles: the triangles turn counter-clockwise", 0), 0u)
+      << strict.err;
+  const ProcResult prep = head.run({});
+  ASSERT_EQ(prep.status, 0) << prep.err;
+  const std::string report = read_file(head.dir.file("out/report.txt"));
+  EXPECT_NE(report.find("units: mm"), std::string::npos) << report;
+  EXPECT_NE(report.find("all triangles flipped"), std::string::npos) << report;
+
+  write_file(head.dir.file("sources.pos"), "3\n1 0 0.01 0.02\n2 0.02 -0.01 0.03\n3 -0.015 0.02 0.0\n");
+  MatrixFile from[2];
+  const std::string geometry[2] = {read_file(head.dir.file("out/geometry.ans")),
+                                   "scalp.tri\n0.33\nskull.tri\n0.0042\n!brain.tri\n0.33\n\n"};
+  for (int k = 0; k < 2; k++) {
+    const ProcResult run = run_brelix(head.dir.path(), {}, geometry[k] + "\nsources.pos\n\ntrans.mat\n");
+    ASSERT_EQ(run.status, 0) << run.err;
+    ASSERT_TRUE(read_matrix_file(head.dir.file("trans.mat"), from[k]));
+  }
+  ASSERT_EQ(from[0].rows, 642);
+  ASSERT_EQ(from[0].cols, 9);
+  ASSERT_EQ(from[0].values.size(), from[1].values.size());
+  double largest = 0, difference = 0;
+  for (size_t i = 0; i < from[0].values.size(); i++) {
+    largest = std::max(largest, (double)std::fabs(from[1].values[i]));
+    difference = std::max(difference, (double)std::fabs(from[0].values[i] - from[1].values[i]));
+  }
+  EXPECT_GT(largest, 0.0);
+  EXPECT_LT(difference, 1e-4 * largest);
 }
 
 }  // namespace

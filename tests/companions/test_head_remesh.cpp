@@ -2,6 +2,7 @@
 // fixing and hole filling leave surfaces that pass every check.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "headmodel/cgal_checks.h"
@@ -11,14 +12,6 @@
 #include "tools/headshape.h"
 
 namespace {
-
-Mesh head_mesh(int level, HeadLayer layer) {
-  const TriMesh t = head_layer(level, layer);
-  Mesh m;
-  for (const auto &p : t.pnt) m.vertices.push_back({p[0], p[1], p[2]});
-  for (const auto &f : t.dhk) m.triangles.push_back({f[0], f[1], f[2]});
-  return m;
-}
 
 const SurfaceName name{"test.tri", {}};
 
@@ -32,7 +25,7 @@ TEST(HeadRemesh, FineSurfaceToTargetKeepsVolumeAndAngles) {
       {3, {0, 0.006}, 1500, 4000},  // 642 vertices refined to 6 mm edges
   };
   for (const auto &c : cases) {
-    Mesh m = head_mesh(c.level, HEAD_SCALP), again = m;
+    Mesh m = head_layer_mesh(c.level, HEAD_SCALP), again = m;
     const MeshQuality before = measure_mesh(m);
     remesh_surface(m, c.target);
     remesh_surface(again, c.target);
@@ -49,9 +42,9 @@ TEST(HeadRemesh, FineSurfaceToTargetKeepsVolumeAndAngles) {
 }
 
 TEST(HeadRemesh, FixGapMovesInnerSurfaceClearOfOuter) {
-  const Mesh outer = head_mesh(3, HEAD_SCALP);
+  const Mesh outer = head_layer_mesh(3, HEAD_SCALP);
   for (double push : {0.0065, 0.012}) {  // 0.5 mm close; crossing by 5 mm
-    Mesh inner = head_mesh(3, HEAD_SKULL);
+    Mesh inner = head_layer_mesh(3, HEAD_SKULL);
     for (int v : {100, 200, 300}) {
       Vec3 &p = inner.vertices[v];
       const double r = std::hypot(p[0], p[1], p[2]);
@@ -68,12 +61,9 @@ TEST(HeadRemesh, FixGapMovesInnerSurfaceClearOfOuter) {
 }
 
 TEST(HeadRemesh, FilledHoleClosesTheSurfaceInShape) {
-  Mesh m = head_mesh(3, HEAD_SKULL);
+  Mesh m = head_layer_mesh(3, HEAD_SKULL);
   const double volume = measure_mesh(m).volume;
-  std::vector<Tri> kept;
-  for (const Tri &t : m.triangles)
-    if (t[0] != 100 && t[1] != 100 && t[2] != 100 && t[0] != 200 && t[1] != 200 && t[2] != 200) kept.push_back(t);
-  m.triangles = kept;
+  std::erase_if(m.triangles, [](const Tri &t) { return std::ranges::count(t, 100) + std::ranges::count(t, 200) > 0; });
   const SurfaceLog log = prepare_surface(m, name, RepairChoices{true, true, true});
   EXPECT_EQ(log.holes.holes, 2);
   EXPECT_TRUE(log.holes.all_closed);
@@ -84,7 +74,7 @@ TEST(HeadRemesh, FilledHoleClosesTheSurfaceInShape) {
 // A flat triangle in a closed surface (an edge split on one side only, the
 // gap closed by a triangle with its corners on one line) is removed.
 TEST(HeadRemesh, FlatTriangleRemoved) {
-  Mesh m = head_mesh(3, HEAD_SKULL);
+  Mesh m = head_layer_mesh(3, HEAD_SKULL);
   const double volume = measure_mesh(m).volume;
   const Tri t = m.triangles[0];
   const int a = t[0], b = t[1], c = t[2];
