@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,21 +33,23 @@ FILE *open_with(const std::string &path, const std::string &text) {
   return fp;
 }
 
+// The target's name is near the longest a folder entry takes: it still gets
+// its temporary.
 TEST(AtomicFile, OldFileStaysUntilCommitAndKeepsItsPermissions) {
   TempDir dir;
-  const std::string target = dir.file("result.mat");
+  const std::string name(250, 'n'), target = dir.file(name);
   write_file(target, "old");
   chmod(target.c_str(), 0640);
   for (bool commit : {false, true}) {
     FILE *fp = open_with(target, "new contents");
-    ASSERT_NE(fp, nullptr);
+    ASSERT_NE(fp, nullptr) << strerror(errno);
     EXPECT_EQ(names_in(dir.path()).size(), 2u);  // the temporary beside the target
     EXPECT_EQ(read_file(target), "old");
     if (commit)
       ASSERT_EQ(atomic_commit(fp), 1);
     else
       atomic_abandon(fp);
-    EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"result.mat"});
+    EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{name});
     EXPECT_EQ(read_file(target), commit ? "new contents" : "old");
   }
   struct stat st;
@@ -73,16 +74,6 @@ TEST(AtomicFile, SymbolicLinksAreWrittenThrough) {
     EXPECT_EQ(read_file(dir.file(std::string("real/") + name)), name);
   }
   EXPECT_EQ(names_in(dir.file("real")), (std::vector<std::string>{"a.mat", "b.mat"}));
-}
-
-// A name near the longest a folder entry takes still gets its temporary.
-TEST(AtomicFile, ALongNameStillGetsATemporary) {
-  TempDir dir;
-  const std::string target = dir.file(std::string(250, 'n'));
-  FILE *fp = open_with(target, "long");
-  ASSERT_NE(fp, nullptr) << strerror(errno);
-  ASSERT_EQ(atomic_commit(fp), 1);
-  EXPECT_EQ(read_file(target), "long");
 }
 
 // A file its owner made read-only is not replaced (root may write it).
@@ -144,15 +135,12 @@ TEST(AtomicFile, NoTemporaryOutlivesExit) {
   TempDir dir;
   const std::string target = dir.file("head.ama");
   write_file(target, "old");
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    FILE *fp = open_with(target, "half");
-    exit(fp && fflush(fp) == 0 ? 3 : 9);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+  EXPECT_EXIT(
+      {
+        FILE *fp = open_with(target, "half");
+        exit(fp && fflush(fp) == 0 ? 3 : 9);
+      },
+      testing::ExitedWithCode(3), "");
   EXPECT_EQ(names_in(dir.path()), std::vector<std::string>{"head.ama"});
   EXPECT_EQ(read_file(target), "old");
 }
