@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
-#include <limits>
 #include <string>
 
 #include "geometry/dhkinp.h"
@@ -58,7 +57,7 @@ void expect_mesh(const std::string &path, const TriMesh &want) {
   EXPECT_EQ(r.mesh.dhk, want.dhk);
 }
 
-std::string padded(std::string s, size_t n) { return s.resize(n, ' '), s; }
+const Bytes V1 = Bytes().i(1).f(0).f(0).f(0);  // one vertex at the origin, binary
 
 TEST(TriangleFile, WrittenMeshesAndAcceptedLayoutsReadBackExactly) {
   TempDir dir;
@@ -80,7 +79,7 @@ TEST(TriangleFile, WrittenMeshesAndAcceptedLayoutsReadBackExactly) {
       // CR-LF line ends read alike.
       {"3\r\n0 0 0\r\n7 1 0 0 99\r\n  0\t1  0\r\n3\r\n1 1 2 3\r\n3 2 1\r\n12 2 3 1 99\r\n", {P3, {{0, 1, 2}, {2, 1, 0}, {1, 2, 0}}}},
       // Records of 159 characters are whole; longer lines go on in the next.
-      {"2\n" + padded("5 0 0 0", 159) + "1 2 3\n", {{{0, 0, 0}, {1, 2, 3}}, {}}},
+      {"2\n5 0 0 0" + std::string(152, ' ') + "1 2 3\n", {{{0, 0, 0}, {1, 2, 3}}, {}}},
       {"1\n0 0 0\n1\n1-1-1", {{{0, 0, 0}}, {{0, -2, -2}}}},  // the shortest line that fits the count
   };
   for (const auto &[contents, want] : cases) {
@@ -92,15 +91,13 @@ TEST(TriangleFile, WrittenMeshesAndAcceptedLayoutsReadBackExactly) {
 TEST(TriangleFile, DamagedFilesAreReadErrorsThatChangeNothing) {
   TempDir dir;
   const std::string TRI3 = "3\n0 0 0\n1 0 0\n0 1 0\n";
-  const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
-  const Bytes v1 = Bytes().i(1).f(0).f(0).f(0);
   const std::string cases[] = {
       // Text: blank or missing count, missing or malformed numbers, bad counts.
       "", "\n1\n0 0 0\n", "2\n0 0 0\n", "1\n0 0 x\n", TRI3 + "2\n1 2 3\n", TRI3 + "1\n1 2.5 3\n", "-1\n0 0 0\n",
       "99999999999\n0 0 0\n", "1\n0 0 0\n1\n1 1 99999999999\n", "2\n0 0 nan\n1 1 1\n", "1\n0 1e39 0\n",
       // Binary ('a' is not a text byte): short, truncated, negative counts, NaN.
-      "ab", Bytes().i(1).f(0).f(0).s, v1.s, Bytes(v1).i(1).i(0).i(0).s, Bytes().i(-1).f(0).f(0).f(0).i(0).s,
-      Bytes(v1).i(-1).s, Bytes().i(1).f(nan).f(0).f(0).i(0).s, Bytes().i(1).f(-inf).f(0).f(0).i(0).s,
+      "ab", Bytes().i(1).f(0).f(0).s, V1.s, Bytes(V1).i(1).i(0).i(0).s, Bytes().i(-1).f(0).f(0).f(0).i(0).s,
+      Bytes(V1).i(-1).s, Bytes().i(1).f(NAN).f(0).f(0).i(0).s, Bytes().i(1).f(-INFINITY).f(0).f(0).i(0).s,
   };
   mkdir(dir.file("folder").c_str(), 0755);  // opens, but holds no file
   for (size_t k = 0; k <= std::size(cases); k++) {
@@ -133,8 +130,7 @@ TEST(TriangleFile, DamagedFilesAreReadErrorsThatChangeNothing) {
 TEST(TriangleFile, HugeCountsInTinyFilesAreRefusedBeforeAllocating) {
   TempDir dir;
   // 200 million vertices would need 2.4 GB; the files hold a few bytes.
-  const Bytes v1 = Bytes().i(1).f(0).f(0).f(0);
-  for (const std::string &c : {Bytes().i(200000000).f(0).f(0).f(0).s, Bytes(v1).i(200000000).i(0).i(0).i(0).s,
+  for (const std::string &c : {Bytes().i(200000000).f(0).f(0).f(0).s, Bytes(V1).i(200000000).i(0).i(0).i(0).s,
                                std::string("200000000\n0 0 0\n"), std::string("1\n0 0 0\n200000000\n1 1 1\n")}) {
     write_file(dir.file("huge"), c);
     EXPECT_EXIT(read_with_small_memory(dir.file("huge")), testing::ExitedWithCode(0), "\nError reading file .*") << c;
