@@ -4,6 +4,8 @@
 // threads.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <random>
 #include <string>
@@ -38,8 +40,7 @@ void expect_plain(const Mat &expect, Mat &out, const std::string &shape, F produ
   for (int threads : {1, 2, 3}) {
     SCOPED_TRACE(shape + " threads " + std::to_string(threads));
     set_assembly_threads(threads);
-    for (int r = 1; r <= out.rows; r++)
-      for (int c = 1; c <= out.cols; c++) out[r][c] = NAN;
+    std::fill(&out[1][1], &out[1][1] + out.rows * out.cols, NAN);  // the arrays are contiguous
     product();
     EXPECT_TRUE(g3::same_bits(out.flat(), expect.flat()));
   }
@@ -51,33 +52,31 @@ void expect_plain(const Mat &expect, Mat &out, const std::string &shape, F produ
 // shared among threads; and eight-row panels made in two groups, shared
 // among threads, with the countdown.
 TEST(StoredMatrix, TransferIsThePlainSumBitForBit) {
-  struct Shape {
-    int nel, ncols, n;
-  };
-  std::vector<Shape> shapes = {{400, 3, 4000}, {60, 21, 30000}};
+  std::vector<std::array<int, 3>> shapes = {{400, 3, 4000}, {60, 21, 30000}};  // electrodes, columns, vertices
   for (int e = 1; e <= 8; e++) shapes.push_back({e, 3, 7 + e}), shapes.push_back({e, 9, 20 - e});
   std::mt19937 gen(12345);
-  for (const Shape &s : shapes) {
-    nel = s.nel, totpnt = s.n;
-    const Mat bi = random_mat(s.nel, s.n, gen), x = random_mat(s.ncols, s.n, gen);
+  for (const auto &shape : shapes) {
+    const int ne = shape[0], ncols = shape[1], n = shape[2];  // plain variables: lambdas capture them
+    nel = ne, totpnt = n;
+    const Mat bi = random_mat(ne, n, gen), x = random_mat(ncols, n, gen);
     const std::vector<float> x_before = x.flat();
     // The plain loops: the double sum over c in increasing order, stored as
     // float, then each column less its float mean over the electrodes.
-    Mat expect(s.nel, s.ncols), t(s.nel, s.ncols);
-    for (int r = 1; r <= s.ncols; r++) {
+    Mat expect(ne, ncols), t(ne, ncols);
+    for (int r = 1; r <= ncols; r++) {
       float mean = 0.0f;
-      for (int e = 1; e <= s.nel; e++) {
+      for (int e = 1; e <= ne; e++) {
         double sum = 0.0;
-        for (int c = 1; c <= s.n; c++) sum = sum + (double)x[r][c] * (double)bi[e][c];
+        for (int c = 1; c <= n; c++) sum = sum + (double)x[r][c] * (double)bi[e][c];
         mean += expect[e][r] = (float)sum;
       }
-      mean /= s.nel;
-      for (int e = 1; e <= s.nel; e++) expect[e][r] -= mean;
+      mean /= ne;
+      for (int e = 1; e <= ne; e++) expect[e][r] -= mean;
     }
-    const std::string lines = s.ncols > 10 ? countdown("Solve countdown:%5d\r", s.ncols, 1) + "\n" : "";
-    expect_plain(expect, t, "nel " + std::to_string(s.nel) + " ncols " + std::to_string(s.ncols), [&] {
+    const std::string lines = ncols > 10 ? countdown("Solve countdown:%5d\r", ncols, 1) + "\n" : "";
+    expect_plain(expect, t, "nel " + std::to_string(ne) + " ncols " + std::to_string(ncols), [&] {
       testing::internal::CaptureStdout();
-      sphi2trans(nullptr, bi, x, s.ncols, t, 0);
+      sphi2trans(nullptr, bi, x, ncols, t, 0);
       EXPECT_EQ(testing::internal::GetCapturedStdout(), lines);
       EXPECT_TRUE(g3::same_bits(x.flat(), x_before));  // the source terms stay
     });
@@ -87,21 +86,19 @@ TEST(StoredMatrix, TransferIsThePlainSumBitForBit) {
 // A partial group of eight samples and of four electrodes; whole and
 // partial groups; a shape shared among threads.
 TEST(StoredMatrix, ForwardIsThePlainFloatSumBitForBit) {
-  struct Shape {
-    int nel, npar, ntim;
-  } shapes[] = {{3, 2, 7}, {19, 7, 33}, {130, 3, 20000}};
   std::mt19937 gen(777);
-  for (const Shape s : shapes) {
-    const Mat tr = random_mat(s.nel, s.npar, gen), d = random_mat(s.npar, s.ntim, gen);
-    Mat expect(s.nel, s.ntim), phi(s.nel, s.ntim);
-    for (int e = 1; e <= s.nel; e++)
-      for (int t = 1; t <= s.ntim; t++) {
+  for (const auto &shape : std::vector<std::array<int, 3>>{{3, 2, 7}, {19, 7, 33}, {130, 3, 20000}}) {
+    const int ne = shape[0], npar = shape[1], ntim = shape[2];
+    const Mat tr = random_mat(ne, npar, gen), d = random_mat(npar, ntim, gen);
+    Mat expect(ne, ntim), phi(ne, ntim);
+    for (int e = 1; e <= ne; e++)
+      for (int t = 1; t <= ntim; t++) {
         float sum = 0.0f;
-        for (int p = 1; p <= s.npar; p++) sum = sum + d[p][t] * tr[e][p];
+        for (int p = 1; p <= npar; p++) sum = sum + d[p][t] * tr[e][p];
         expect[e][t] = sum;
       }
-    expect_plain(expect, phi, "nel " + std::to_string(s.nel) + " ntim " + std::to_string(s.ntim),
-                 [&] { forward(tr, phi, d, s.npar, s.nel, s.ntim); });
+    expect_plain(expect, phi, "nel " + std::to_string(ne) + " ntim " + std::to_string(ntim),
+                 [&] { forward(tr, phi, d, npar, ne, ntim); });
   }
 }
 
