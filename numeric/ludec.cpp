@@ -27,6 +27,7 @@
 #include <cstring>
 #include <new>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "numeric/lukernels.h"
@@ -99,12 +100,35 @@ ROW_LOOP void add_scaled_row(double *__restrict sum, const float *__restrict row
 }
 
 // Replay the steps of pivots k0 .. k1 on columns c0 .. c1 of a (nothing when
-// c1 < c0), with work space `work`.
-void replay_columns(float **a, int n, int k0, int k1, int c0, int c1, float *work) {
+// c1 < c0), with work space `work`; the multipliers are read from mul (a
+// itself, or a copy of them), and unplain is find_unplain_rows of them or
+// null.
+void replay_columns(float **a, int n, int k0, int k1, int c0, int c1, float *work, float *const *mul = nullptr,
+                    const unsigned char *unplain = nullptr) {
   if (c1 < c0 || k1 < k0) return;
-  StepReplay p{a, a, c0, c1 - c0 + 1, n, k0, k1, k0 + 1, true};
+  StepReplay p{mul ? mul : a, a, c0, c1 - c0 + 1, n, k0, k1, k0 + 1, true};
+  p.unplain = unplain;
   replay_steps(p, work);
 }
+
+// The multipliers of one panel (pivots k0 .. k1), rows k0+1 .. n, copied
+// side by side: every chunk of columns reads them all, and in place they lie
+// a whole matrix row apart, each on a page of its own.  rows[i] indexes like
+// a[i] (rows[i][k] for k0 <= k <= k1); unplain as find_unplain_rows.
+struct PanelMultipliers {
+  Buffer buf;
+  std::vector<float *> rows;
+  std::vector<unsigned char> unplain;
+  int n;
+  PanelMultipliers(int n_) : buf((size_t)n_ * PANEL), rows((size_t)n_ + 1), unplain((size_t)n_ + 1), n(n_) {}
+
+  void take(float **a, int k0, int k1) {
+    const int w = k1 - k0 + 1;
+    for (int i = 1; i <= n; i++) rows[i] = i > k0 ? buf.p + (size_t)(i - k0 - 1) * PANEL - k0 : a[i];
+    for (int i = k0 + 1; i <= n; i++) memcpy(rows[i] + k0, a[i] + k0, (size_t)w * sizeof(float));
+    find_unplain_rows(rows.data(), n, k0, k1, k0 + 1, unplain.data());
+  }
+};
 
 // Factorise columns k0 .. k1 (all steps of pivots k0 .. k1, on those columns)
 // by halves: the left half, its steps replayed on the right half, the right.
@@ -159,10 +183,18 @@ bool factor_blocked(float **a, int n, bool shown) {
     works.push_back(owned.back()->p);
   }
 
+  // The multipliers of the panel being replayed, and of the next one.
+  PanelMultipliers *cur = new (std::nothrow) PanelMultipliers(n), *next = new (std::nothrow) PanelMultipliers(n);
+  if (!cur || !next || !cur->buf.p || !next->buf.p) {
+    delete cur, delete next;
+    for (Buffer *b : owned) delete b;
+    return false;
+  }
   Countdown cd{shown, n};
   cd.advance(0);
   long long done = 0;
   factor_panel(a, n, 1, PANEL < n ? PANEL : n, works[0]);
+  cur->take(a, 1, PANEL < n ? PANEL : n);
   for (int p0 = 1; p0 <= n - 1; p0 += PANEL) {
     const int p1 = p0 + PANEL - 1 < n ? p0 + PANEL - 1 : n;
     // Panel p0 .. p1 is factorised.  Its steps go to the next panel's
@@ -187,7 +219,7 @@ bool factor_blocked(float **a, int n, bool shown) {
         size = size < min_chunk ? min_chunk : (size + tw - 1) / tw * tw;
         c1 = c0 + size - 1 < n ? c0 + size - 1 : n;
         if (next_col.compare_exchange_weak(c0, c1 + 1)) {
-          replay_columns(a, n, p0, p1, c0, c1, works[t]);
+          replay_columns(a, n, p0, p1, c0, c1, works[t], cur->rows.data(), cur->unplain.data());
           c0 = next_col.load();
         }
       }
@@ -195,23 +227,27 @@ bool factor_blocked(float **a, int n, bool shown) {
     auto lead = [&](int t) {
       if (t != 0) return worker(t);
       if (q0 <= n) {
-        replay_columns(a, n, p0, p1, q0, q1, works[0]);
+        replay_columns(a, n, p0, p1, q0, q1, works[0], cur->rows.data(), cur->unplain.data());
         if (q0 <= n - 1) factor_panel(a, n, q0, q1, works[0]);
+        next->take(a, q0, q1);
       }
       worker(0);
     };
     int count = threads < nchunks + 1 ? threads : nchunks + 1;
     if (count <= 1) {  // alone: all columns in one sweep, then the next panel
-      replay_columns(a, n, p0, p1, q0, n, works[0]);
+      replay_columns(a, n, p0, p1, q0, n, works[0], cur->rows.data(), cur->unplain.data());
       if (q0 <= n - 1) factor_panel(a, n, q0, q1, works[0]);
+      if (q0 <= n) next->take(a, q0, q1);
     } else {
       run_parallel(count, lead);
     }
+    std::swap(cur, next);
     for (int k = p0; k <= p1 && k < n; k++) done += (long long)(n - k) * (n - k + 1);
     cd.advance(done);
   }
   cd.advance(LLONG_MAX);
   if (shown) printf("\n");
+  delete cur, delete next;
   for (Buffer *b : owned) delete b;
   return true;
 }

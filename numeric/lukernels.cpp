@@ -202,6 +202,18 @@ void replay_steps(const StepReplay &p, float *work) {
   lu_portable::replay(p, work);
 }
 
+void find_unplain_rows(float *const *mul, int n, int k0, int k1, int lo, unsigned char *unplain) {
+  if (k1 < k0) {
+    for (int i = lo; i <= n; i++) unplain[i] = 0;
+    return;
+  }
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::unplain_rows(mul, n, k0, k1, lo, unplain);
+  if (current_level == 1) return lu_avx2::unplain_rows(mul, n, k0, k1, lo, unplain);
+#endif
+  lu_portable::unplain_rows(mul, n, k0, k1, lo, unplain);
+}
+
 void back_substitute(float *const *a, int n, float *const *s, int width) {
   if (n < 1 || width <= 0) return;
 #if LU_X86_KERNELS

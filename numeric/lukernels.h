@@ -34,7 +34,16 @@ struct StepReplay {
   // Set when no multiplier of these steps (rows ilo .. n) is other than
   // plain, |m| <= 1: the kernels need not look for exchanges.
   bool plain = false;
+  // Optional, indexed by row: 0 where no multiplier mul[i][k0 .. k1] of row
+  // i is other than plain (find_unplain_rows).  Rows beyond k1 whose entries
+  // are all 0 are then not scanned again for exchanges, which matters when
+  // the same steps are replayed on many column ranges.
+  const unsigned char *unplain = nullptr;
 };
+
+// unplain[i] = 1 where some multiplier mul[i][k0 .. k1] is not plain
+// (!(|m| <= 1), NaN included), else 0, for rows i = lo .. n.
+void find_unplain_rows(float *const *mul, int n, int k0, int k1, int lo, unsigned char *unplain);
 
 // Instruction-set levels: 0 portable C++, 1 AVX2 with FMA, 2 AVX-512.
 int lu_simd_best();

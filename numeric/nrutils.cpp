@@ -5,9 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
+#include "numeric/parallel.h"
+
 
 char errmsg[ERRMSG_SIZE];
 char progname[80] = "forwinv";
@@ -29,25 +28,29 @@ void *zero_block(long long n, size_t size) {
   return p;
 }
 
-// Element blocks of a matrix at least this large go on huge pages where the
-// system offers them: the factorisation and the solves walk such a matrix
-// down its columns, a row (a page or more) apart at every step, and with
-// small pages nearly every step would miss the address-translation cache.
-constexpr size_t HUGE_BLOCK_BYTES = (size_t)8 << 20;
-constexpr size_t HUGE_PAGE_BYTES = (size_t)2 << 20;
+// Element blocks of a matrix at least this large are cleared by all threads
+// together.  The first touch of fresh memory is where the system does its
+// own clearing, page by page, and on a virtual machine that can cost as much
+// as assembling the matrix.  (Huge pages would spare the factorisation some
+// address-translation misses, but on such machines they made that first
+// touch several times slower still: a forward run lost more than it gained.)
+constexpr size_t SHARED_CLEAR_BYTES = (size_t)8 << 20;
+constexpr size_t CLEAR_SLICE_BYTES = (size_t)2 << 20;
 
 void *matrix_block(long long n, size_t size) {
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-  if (n > 0 && (size_t)n >= HUGE_BLOCK_BYTES / size) {
-    const size_t bytes = ((size_t)n * size + HUGE_PAGE_BYTES - 1) / HUGE_PAGE_BYTES * HUGE_PAGE_BYTES;
-    void *p = aligned_alloc(HUGE_PAGE_BYTES, bytes);
+  if (n > 0 && (size_t)n >= SHARED_CLEAR_BYTES / size) {
+    const size_t bytes = (size_t)n * size;
+    char *p = static_cast<char *>(malloc(bytes));
     if (p) {
-      madvise(p, bytes, MADV_HUGEPAGE);  // a hint: refused, it costs nothing
-      memset(p, 0, bytes);
+      const int slices = (int)((bytes + CLEAR_SLICE_BYTES - 1) / CLEAR_SLICE_BYTES);
+      parallel_for(slices, 4, assembly_threads(), [p, bytes](int begin, int end) {
+        const size_t lo = (size_t)begin * CLEAR_SLICE_BYTES;
+        const size_t hi = (size_t)end * CLEAR_SLICE_BYTES < bytes ? (size_t)end * CLEAR_SLICE_BYTES : bytes;
+        memset(p + lo, 0, hi - lo);
+      });
       return p;
     }
   }
-#endif
   return zero_block(n, size);
 }
 
