@@ -402,7 +402,7 @@ TEST(PlacementCommand, WrittenFileGivesBrelixTheHandMadeElectrodes) {
   EXPECT_EQ(kept[0].label + kept[1].label, "ECz");
 
   std::string hand = "5\n";
-  for (const auto &h : HAND) hand += std::to_string(h.triangle) + " " + std::to_string(h.u) + " " + std::to_string(h.v) + " !" + h.label + "\n";
+  for (const auto &h : HAND) hand += fmt("%g %f %f !", h.triangle, h.u, h.v) + h.label + "\n";
   write_file(dir.file("hand.elc"), hand);
   write_file(dir.file("sources.pos"), "2\n1 0 0 0.03\n2 0.02 -0.01 0.05\n");
   MatrixFile t[2];
@@ -440,9 +440,7 @@ TEST(PlacementCommand, FiducialFitBringsAnotherFrameBack) {
   for (int i = 0; i < 3; i++) {
     double shift = 0;
     for (int k = 0; k < 3; k++) shift -= move.r[k][i] * move.t[k];
-    char row[160];
-    snprintf(row, sizeof row, "%.17g %.17g %.17g %.17g\n", move.r[0][i], move.r[1][i], move.r[2][i], shift);
-    undo += row;
+    undo += fmt("%.17g %.17g %.17g ", move.r[0][i], move.r[1][i], move.r[2][i]) + fmt("%.17g\n", shift);
   }
   write_file(dir.file("undo.txt"), undo + "0 0 0 1\n");
   r = prep(dir, {"--scalp", "sphere.tri", "cap.csv", "--transform", "undo.txt", "--units", "mm", "-o", "undone.elc"});
@@ -452,9 +450,7 @@ TEST(PlacementCommand, FiducialFitBringsAnotherFrameBack) {
   // Directions only, sized and placed by the fit, with electrodes as landmarks.
   write_file(dir.file("cap.loc"), "1 0 0.4 Fpz\n2 -90 0.4 T7\n3 90 0.4 T8\n4 0 0 Cz\n5 180 0.4 Oz\n");
   const double y = SCALP_R * std::sin(0.4 * M_PI), z = SCALP_R * std::cos(0.4 * M_PI);
-  write_file(dir.file("ten20.txt"), "Fpz 0 " + std::to_string(y) + " " + std::to_string(z) + "\nT7 " +
-                                        std::to_string(-y) + " 0 " + std::to_string(z) + "\nT8 " + std::to_string(y) +
-                                        " 0 " + std::to_string(z) + "\n");
+  write_file(dir.file("ten20.txt"), fmt("Fpz 0 %f %f\n", y, z) + fmt("T7 %f 0 %f\n", -y, z) + fmt("T8 %f 0 %f\n", y, z));
   r = prep(dir, {"--scalp", "sphere.tri", "cap.loc", "--fiducials", "ten20.txt", "--scale", "--nasion", "Fpz", "--lpa",
                  "T7", "--rpa", "T8", "-o", "loc.elc"});
   ASSERT_EQ(r.status, 0) << r.err;

@@ -41,6 +41,23 @@ void put(std::string &s, T v, bool big) {
   s.append(b, sizeof(T));
 }
 
+// Every coordinate as a float, every index as an int (each triangle after
+// `lead` when that is set), big-endian or in this machine's order.
+std::string coords(const TriMesh &m, bool big) {
+  std::string s;
+  for (auto &p : m.pnt)
+    for (float c : p) put(s, c, big);
+  return s;
+}
+std::string indices(const TriMesh &m, bool big, int lead = -1) {
+  std::string s;
+  for (auto &t : m.dhk) {
+    if (lead >= 0) put<int32_t>(s, lead, big);
+    for (int i : t) put<int32_t>(s, i, big);
+  }
+  return s;
+}
+
 std::string lines(const TriMesh &m, std::string head, const std::function<std::string(const std::array<float, 3> &)> &v,
                   const std::string &mid, const std::function<std::string(const std::array<int, 3> &)> &f,
                   const std::string &tail = "") {
@@ -65,11 +82,7 @@ std::string fs_binary(const TriMesh &m) {
   std::string s = "\xff\xff\xfe" "created by test on Monday\n\n";
   put<int32_t>(s, (int32_t)m.pnt.size(), true);
   put<int32_t>(s, (int32_t)m.dhk.size(), true);
-  for (auto &p : m.pnt)
-    for (float c : p) put(s, c, true);
-  for (auto &t : m.dhk)
-    for (int i : t) put<int32_t>(s, i, true);
-  return s;
+  return s + coords(m, true) + indices(m, true);
 }
 
 std::string stl_binary(const TriMesh &m) {
@@ -99,15 +112,9 @@ std::string ply_binary(const TriMesh &m, bool big) {
 }
 
 std::string vtk_binary(const TriMesh &m) {
-  std::string s = fmt("# vtk DataFile Version 3.0\nhead\nBINARY\nDATASET POLYDATA\nPOINTS %zu float\n", m.pnt.size());
-  for (auto &p : m.pnt)
-    for (float c : p) put(s, c, true);
-  s += fmt("\nPOLYGONS %zu %zu\n", m.dhk.size(), 4 * m.dhk.size());
-  for (auto &t : m.dhk) {
-    put<int32_t>(s, 3, true);
-    for (int i : t) put<int32_t>(s, i, true);
-  }
-  return s + "\nPOINT_DATA 1\n";
+  return fmt("# vtk DataFile Version 3.0\nhead\nBINARY\nDATASET POLYDATA\nPOINTS %zu float\n", m.pnt.size()) +
+         coords(m, true) + fmt("\nPOLYGONS %zu %zu\n", m.dhk.size(), 4 * m.dhk.size()) + indices(m, true, 3) +
+         "\nPOINT_DATA 1\n";
 }
 
 std::string base64(const std::string &b) {
@@ -140,18 +147,12 @@ std::string gifti(const TriMesh &m, const std::string &enc) {
            enc + "\" Endian=\"LittleEndian\" ExternalFileName=\"\" ExternalFileOffset=\"\">\n<MetaData/>\n<Data>" + data +
            "</Data>\n</DataArray>\n";
   };
-  std::string rp, tp, rt, tt;
-  for (auto &p : m.pnt) {
-    for (float c : p) put(rp, c, false);
-    tp += xyz(p) + "\n";
-  }
-  for (auto &t : m.dhk) {
-    for (int i : t) put<int32_t>(rt, i, false);
-    tt += fmt("%d %d %d\n", t[0], t[1], t[2]);
-  }
+  std::string tp, tt;
+  for (auto &p : m.pnt) tp += xyzl(p);
+  for (auto &t : m.dhk) tt += fmt("%d %d %d\n", t[0], t[1], t[2]);
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<GIFTI Version=\"1.0\" NumberOfDataArrays=\"2\">\n<MetaData/>\n" +
-         array("NIFTI_INTENT_POINTSET", "NIFTI_TYPE_FLOAT32", m.pnt.size(), rp, tp) +
-         array("NIFTI_INTENT_TRIANGLE", "NIFTI_TYPE_INT32", m.dhk.size(), rt, tt) + "</GIFTI>\n";
+         array("NIFTI_INTENT_POINTSET", "NIFTI_TYPE_FLOAT32", m.pnt.size(), coords(m, false), tp) +
+         array("NIFTI_INTENT_TRIANGLE", "NIFTI_TYPE_INT32", m.dhk.size(), indices(m, false), tt) + "</GIFTI>\n";
 }
 
 // Keywords in capitals, as some exporters write them.
@@ -405,14 +406,10 @@ void expect_same(const Mesh &a, const Mesh &b) {
 
 // Binary brelix file in this machine's order, independent of the reader.
 std::string binary_tri(const TriMesh &m) {
-  std::string s;
-  put<int32_t>(s, (int32_t)m.pnt.size(), false);
-  for (auto &p : m.pnt)
-    for (float c : p) put(s, c, false);
-  put<int32_t>(s, (int32_t)m.dhk.size(), false);
-  for (auto &t : m.dhk)
-    for (int i : t) put<int32_t>(s, i, false);
-  return s;
+  std::string n, t;
+  put<int32_t>(n, (int32_t)m.pnt.size(), false);
+  put<int32_t>(t, (int32_t)m.dhk.size(), false);
+  return n + coords(m, false) + t + indices(m, false);
 }
 
 TEST(BrelixTri, WrittenTextReadsBackExactlyAndMatchesBinaryAndShortForms) {
