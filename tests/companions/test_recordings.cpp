@@ -236,11 +236,11 @@ TEST(RecordingsData, BadInputIsRefusedAndWritesNothing) {
   }
 }
 
-// The demo's recording tool: its EDF+ file, averaged by the data command,
-// gives back the transfer matrix times the moments' time course.
 // A tool built next to brelix.
 std::string tool(const char *name) { return (std::filesystem::path(BRELIX_EXE).parent_path() / name).string(); }
 
+// The demo's recording tool: its EDF+ file, averaged by the data command,
+// gives back the transfer matrix times the moments' time course.
 TEST(RecordingsData, SimulatedRecordingAveragesBackToItsSources) {
   TempDir dir;
   write_file(dir.file("T.txt"), "3 2\n1e-6 0\n0 2e-6\n-1e-6 -2e-6\n");
