@@ -49,7 +49,7 @@ constexpr float HOPELESS_COND = 1e38f;
 
 // Columns factorised together before the rest of the matrix is brought up
 // to date; wider panels read the trailing matrix fewer times.
-constexpr int PANEL = 128;
+constexpr int PANEL = 256;
 // Panels are split in halves down to this width, where the decisions are
 // taken (factor_base_columns, which takes at most 16 columns).
 constexpr int BASE_WIDTH = 16;
