@@ -10,11 +10,6 @@
 #include "geometry/dhkinp.h"
 #include "tests/fuzz/fuzz_support.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *name = memfile(0, data, size);
   int32_t npnt = -7, ndhk = -7;

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "tests/fuzz/fuzz_support.h"
+#include "tests/support/h3_bytes.h"
 #include "tools/icosphere.h"
 
 #define main brelix_main
@@ -60,16 +61,12 @@ std::string mesh_bytes(const TriMesh &m, bool binary) {
   return s;
 }
 
-std::string matrix_bytes(int rows, int cols, const std::string &tail) {
-  std::string s;
-  int32_t counts[2] = {rows, cols};
-  s.append(reinterpret_cast<const char *>(counts), sizeof counts);
+// A binary data file of small whole values.
+std::string data_matrix(int rows, int cols, const std::string &tail) {
+  std::vector<float> values;
   for (int r = 1; r <= rows; r++)
-    for (int c = 1; c <= cols; c++) {
-      float v = (float)((r * 7 + c * 3) % 11) - 5.0f;
-      s.append(reinterpret_cast<const char *>(&v), sizeof v);
-    }
-  return s + tail;
+    for (int c = 1; c <= cols; c++) values.push_back((float)((r * 7 + c * 3) % 11) - 5.0f);
+  return matrix_bytes(rows, cols, values, tail);
 }
 
 // A text matrix file of one column.
@@ -95,9 +92,9 @@ void make_fixtures() {
       {"two.pos", "2\n1 0.2 0 0.1\n2 -0.2 0 0.1\n1 position stationary\n2 symmetric to 1\n"},
       {"mov.pos", "1\n1 0 0.1 0.2\n1 position moving\n"},
       {"ori.pos", "1\n1 0 0 0.3\n# orientation only\n1 p st o st\n"},
-      {"d42.mat", matrix_bytes(42, 2, "sample freq\n500\n")},
-      {"d12.mat", matrix_bytes(12, 3, "")},
-      {"d3.mat", matrix_bytes(3, 2, "Sample Frequency\n250 Hz\n")},
+      {"d42.mat", data_matrix(42, 2, "sample freq\n500\n")},
+      {"d12.mat", data_matrix(12, 3, "")},
+      {"d3.mat", data_matrix(3, 2, "Sample Frequency\n250 Hz\n")},
       {"d42.asc", text_matrix(42)},
   };
   for (size_t k = 0; k < fixtures.size(); k++) {

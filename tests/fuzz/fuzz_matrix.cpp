@@ -56,11 +56,6 @@ bool many_empty_rows(const uint8_t *data, size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *raw = reinterpret_cast<const char *>(data);
   int raw_len = size > 1 << 20 ? 1 << 20 : (int)size;

@@ -41,11 +41,6 @@ void check_table() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-  fuzz_init();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const char *name = memfile(0, data, size);
   int status = catching_exit([&] {

@@ -137,6 +137,13 @@ void fuzz_init() {
   set_stdin("");
 }
 
+// The set-up of a target that needs nothing beyond fuzz_init; weak, so that
+// a target with set-up of its own defines this itself.
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int *, char ***) {
+  fuzz_init();
+  return 0;
+}
+
 const char *memfile(int slot, const uint8_t *data, size_t size) {
   if (slot < 0 || slot >= SLOTS) abort();
   if (!memfd_ready) {
