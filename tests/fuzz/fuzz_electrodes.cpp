@@ -21,10 +21,8 @@ void put_sphere(Interface &g, const TriMesh &m, const char *name) {
   g.ndhk = (int32_t)m.dhk.size();
   g.pnt = static_cast<float(*)[3]>(calloc(m.pnt.size(), sizeof *g.pnt));
   g.dhk = static_cast<int32_t(*)[3]>(calloc(m.dhk.size(), sizeof *g.dhk));
-  for (size_t i = 0; i < m.pnt.size(); i++)
-    for (int k = 0; k < 3; k++) g.pnt[i][k] = m.pnt[i][k];
-  for (size_t i = 0; i < m.dhk.size(); i++)
-    for (int k = 0; k < 3; k++) g.dhk[i][k] = m.dhk[i][k];
+  memcpy(g.pnt, m.pnt.data(), sizeof *g.pnt * m.pnt.size());
+  memcpy(g.dhk, m.dhk.data(), sizeof *g.dhk * m.dhk.size());
   g.sigma_in = 1;
   totpnt += g.npnt;
   totdhk += g.ndhk;
