@@ -330,36 +330,60 @@ inline void forward_step(float m, float &p, float &x) {
   }
 }
 
+// One step of the transposed elimination: entry y of the pivot row and the
+// running value yi of the row, with the multiplier m.
+inline void transposed_step(float m, float &yi, float &y) {
+  if (fabsf(m) > 1.0f) {
+    const float t = y - yi / m;
+    y = yi;
+    yi = t;
+  } else {
+    y = fmaf(-m, yi, y);
+  }
+}
+
+// The transposed steps of a stretch of 16 entries, y[j] with multiplier
+// m[j], when none of them calls for an exchange: then yi is the same for all
+// and each y[j] takes its own fmaf, as one vector loop.  Returns false, with
+// y untouched, when some m[j] would exchange.
+ROW_LOOP bool plain_transposed_steps(const float *__restrict m, float *__restrict y, float yi) {
+  int exchanges = 0;
+  for (int j = 0; j < 16; j++) exchanges += fabsf(m[j]) > 1.0f;
+  if (exchanges) return false;
+  for (int j = 0; j < 16; j++) y[j] = fmaf(-m[j], yi, y[j]);
+  return true;
+}
+
 }  // namespace
 
 // a: factors from ludec.  b[1..n]: on input a right-hand side, on output
 // the same vector with the elimination steps (and their exchanges) applied
 // in the order ludec performed them.
 //
-// Four rows at a time: each earlier entry meets the four rows in turn, then
-// the four meet each other.  Only steps on disjoint entries trade places, so
-// the result is that of the row-by-row order, with four independent chains
-// of operations instead of one.
+// Eight rows at a time: each earlier entry meets the eight rows in turn,
+// then the eight meet each other.  Only steps on disjoint entries trade
+// places, so the result is that of the row-by-row order, with eight
+// independent chains of operations instead of one.
 void solvel(float **a, int n, float *b) {
+  constexpr int G = 8;
   int i = 1;
-  for (; i + 3 <= n; i += 4) {
-    const float *m0 = a[i], *m1 = a[i + 1], *m2 = a[i + 2], *m3 = a[i + 3];
-    float x0 = b[i], x1 = b[i + 1], x2 = b[i + 2], x3 = b[i + 3];
+  for (; i + G - 1 <= n; i += G) {
+    const float *m[G];
+    float x[G];
+#pragma GCC unroll 8
+    for (int q = 0; q < G; q++) m[q] = a[i + q], x[q] = b[i + q];
     for (int k = 1; k < i; k++) {
       float p = b[k];
-      forward_step(m0[k], p, x0);
-      forward_step(m1[k], p, x1);
-      forward_step(m2[k], p, x2);
-      forward_step(m3[k], p, x3);
+#pragma GCC unroll 8
+      for (int q = 0; q < G; q++) forward_step(m[q][k], p, x[q]);
       b[k] = p;
     }
-    forward_step(m1[i], x0, x1);
-    forward_step(m2[i], x0, x2);
-    forward_step(m2[i + 1], x1, x2);
-    forward_step(m3[i], x0, x3);
-    forward_step(m3[i + 1], x1, x3);
-    forward_step(m3[i + 2], x2, x3);
-    b[i] = x0, b[i + 1] = x1, b[i + 2] = x2, b[i + 3] = x3;
+#pragma GCC unroll 8
+    for (int q = 1; q < G; q++)
+#pragma GCC unroll 8
+      for (int r = 0; r < q; r++) forward_step(m[q][i + r], x[r], x[q]);
+#pragma GCC unroll 8
+    for (int q = 0; q < G; q++) b[i + q] = x[q];
   }
   for (; i <= n; i++) {
     const float *ri = a[i];
@@ -620,19 +644,20 @@ void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info
 // inside gives every entry exactly that sequence while reading a along its
 // rows.
 void tsolvel(float **a, int n, float *y) {
+  constexpr int C = 16;
   for (int i = n; i >= 2; i--) {
     const float *ri = a[i];
     float yi = y[i];
-    for (int k = i - 1; k >= 1; k--) {
-      float m = ri[k];
-      if (fabsf(m) > 1.0f) {
-        float t = y[k] - yi / m;
-        y[k] = yi;
-        yi = t;
-      } else {
-        y[k] = fmaf(-m, yi, y[k]);
+    int k = i - 1;
+    // Stretches without an exchange go as one vector operation each.
+    while (k >= C) {
+      if (plain_transposed_steps(ri + k - C + 1, y + k - C + 1, yi)) {
+        k -= C;
+        continue;
       }
+      for (int stop = k - C; k > stop; k--) transposed_step(ri[k], yi, y[k]);
     }
+    for (; k >= 1; k--) transposed_step(ri[k], yi, y[k]);
     y[i] = yi;
   }
 }
