@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "numeric/parallel.h"
-
 
 char errmsg[ERRMSG_SIZE];
 char progname[80] = "forwinv";
@@ -26,32 +24,6 @@ void *zero_block(long long n, size_t size) {
   void *p = calloc(n > 0 ? (size_t)n : 1, size);
   if (!p) out_of_memory_message();
   return p;
-}
-
-// Element blocks of a matrix at least this large are cleared by all threads
-// together.  The first touch of fresh memory is where the system does its
-// own clearing, page by page, and on a virtual machine that can cost as much
-// as assembling the matrix.  (Huge pages would spare the factorisation some
-// address-translation misses, but on such machines they made that first
-// touch several times slower still: a forward run lost more than it gained.)
-constexpr size_t SHARED_CLEAR_BYTES = (size_t)8 << 20;
-constexpr size_t CLEAR_SLICE_BYTES = (size_t)2 << 20;
-
-void *matrix_block(long long n, size_t size) {
-  if (n > 0 && (size_t)n >= SHARED_CLEAR_BYTES / size) {
-    const size_t bytes = (size_t)n * size;
-    char *p = static_cast<char *>(malloc(bytes));
-    if (p) {
-      const int slices = (int)((bytes + CLEAR_SLICE_BYTES - 1) / CLEAR_SLICE_BYTES);
-      parallel_for(slices, 4, assembly_threads(), [p, bytes](int begin, int end) {
-        const size_t lo = (size_t)begin * CLEAR_SLICE_BYTES;
-        const size_t hi = (size_t)end * CLEAR_SLICE_BYTES < bytes ? (size_t)end * CLEAR_SLICE_BYTES : bytes;
-        memset(p + lo, 0, hi - lo);
-      });
-      return p;
-    }
-  }
-  return zero_block(n, size);
 }
 
 template <typename T>
@@ -76,7 +48,7 @@ T **make_matrix(long rlo, long rhi, long clo, long chi) {
   }
   T **m = static_cast<T **>(zero_block(nr, sizeof(T *)));
   if (!m) return nullptr;
-  T *block = static_cast<T *>(matrix_block(nr * nc, sizeof(T)));
+  T *block = static_cast<T *>(zero_block(nr * nc, sizeof(T)));
   if (!block) {
     free(m);
     return nullptr;
