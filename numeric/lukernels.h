@@ -34,10 +34,11 @@ struct StepReplay {
   // Set when no multiplier of these steps (rows ilo .. n) is other than
   // plain, |m| <= 1: the kernels need not look for exchanges.
   bool plain = false;
-  // Optional, indexed by row: 0 where no multiplier mul[i][k0 .. k1] of row
-  // i is other than plain (find_unplain_rows).  Rows beyond k1 whose entries
-  // are all 0 are then not scanned again for exchanges, which matters when
-  // the same steps are replayed on many column ranges.
+  // Optional, indexed by row: 0 where no entry mul[i][k0 .. k1] of row i is
+  // other than plain (find_unplain_rows; a 1 may be a false alarm).  Groups
+  // of rows whose entries are all 0 are then not scanned again for
+  // exchanges, which matters when the same steps are replayed on many
+  // column ranges.
   const unsigned char *unplain = nullptr;
 };
 
