@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "matrixio/paths.h"
+
 namespace {
 
 // Open temporaries, looked at by the signal handler.  The handler may only
@@ -65,17 +67,6 @@ void install_handlers() {
   }
 }
 
-// The folder part of a path ("." when it has none) and the name part.
-std::string folder_of(const std::string &path) {
-  size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-std::string name_of(const std::string &path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // Links into /proc (/dev/stdout, /proc/self/fd/N) name open files, not
 // folder entries: there is nothing to rename over, so they are written in
 // place.
@@ -104,7 +95,7 @@ std::string resolve_links(const char *target) {
 // the temporary name still fits a folder entry, then ".tmpXXXXXX".
 std::string temp_pattern(const std::string &path) {
   constexpr size_t KEEP = 200;  // of at most 255 bytes per entry
-  const std::string name = name_of(path);
+  const std::string name = base_name(path);
   const std::string head = path.substr(0, path.size() - name.size());
   return head + name.substr(0, KEEP) + ".tmpXXXXXX";
 }

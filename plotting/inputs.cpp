@@ -12,11 +12,6 @@
 #include "plotting/text.h"
 #include "surface/head_dir.h"
 
-std::string base_name(const std::string &path) {
-  size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 int show_help(const char *help) {
   fputs(help, stdout);
   return 0;

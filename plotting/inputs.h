@@ -11,10 +11,8 @@
 #include "plotting/figure.h"
 #include "plotting/matrix_file.h"
 #include "plotting/position_file.h"
+#include "matrixio/paths.h"  // base_name, for titles
 #include "surface/mesh.h"
-
-// The file name without its folders, for titles.
-std::string base_name(const std::string &path);
 
 // Print a command's help text on standard output; returns 0, the status
 // of a run that asked for it.

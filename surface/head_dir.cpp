@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "cli/failure.h"
+#include "matrixio/paths.h"
 #include "surface/brelix_tri.h"
 #include "surface/file_bytes.h"
 #include "surface/import.h"
@@ -20,17 +21,6 @@ bool is_dir(const std::string &path) {
 bool is_file(const std::string &path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-std::string folder_of(const std::string &path) {
-  size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string base_name(const std::string &path) {
-  size_t slash = path.find_last_of('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 // brelix can have at most this many interfaces.
