@@ -8,6 +8,10 @@
 #include "numeric/double_lanes.h"
 #include "numeric/double_simd.h"
 
+// out[p][v] = acc[8 v + p] for p = 0 .. 7 and v = 0 .. npnt-1: the sums of
+// eight points from their interleaved work space into their own rows.
+void sums_to_rows8(const float *acc, int npnt, float *const *out);
+
 namespace batch_portable {
 using V = LanesScalar;
 #include "numeric/elementary_body.inc"
@@ -17,6 +21,34 @@ using V = LanesScalar;
 
 #if DOUBLE_LANES_X86
 DOUBLE_LANES_AVX2_BEGIN
+// Eight rows of sums at a time, as an 8 x 8 transposition in registers: one
+// vector store per point and eight vertices instead of eight scalar ones
+// into rows far apart.
+void sums_to_rows8(const float *acc, int npnt, float *const *out) {
+  int v = 0;
+  for (; v + 8 <= npnt; v += 8) {
+    const float *a = acc + 8 * v;
+    __m256 r[8], t[8], u[8];
+    for (int k = 0; k < 8; k++) r[k] = _mm256_loadu_ps(a + 8 * k);
+    for (int k = 0; k < 4; k++) {
+      t[2 * k] = _mm256_unpacklo_ps(r[2 * k], r[2 * k + 1]);
+      t[2 * k + 1] = _mm256_unpackhi_ps(r[2 * k], r[2 * k + 1]);
+    }
+    for (int k = 0; k < 2; k++) {
+      u[4 * k] = _mm256_shuffle_ps(t[4 * k], t[4 * k + 2], 0x44);
+      u[4 * k + 1] = _mm256_shuffle_ps(t[4 * k], t[4 * k + 2], 0xEE);
+      u[4 * k + 2] = _mm256_shuffle_ps(t[4 * k + 1], t[4 * k + 3], 0x44);
+      u[4 * k + 3] = _mm256_shuffle_ps(t[4 * k + 1], t[4 * k + 3], 0xEE);
+    }
+    for (int k = 0; k < 4; k++) {
+      _mm256_storeu_ps(out[k] + v, _mm256_permute2f128_ps(u[k], u[k + 4], 0x20));
+      _mm256_storeu_ps(out[k + 4] + v, _mm256_permute2f128_ps(u[k], u[k + 4], 0x31));
+    }
+  }
+  for (; v < npnt; v++)
+    for (int p = 0; p < 8; p++) out[p][v] = acc[8 * v + p];
+}
+
 namespace batch_avx2 {
 using V = LanesAvx2x2;
 #include "numeric/elementary_body.inc"
@@ -33,6 +65,11 @@ using V = LanesAvx512;
 #include "geometry/solangle_batch_body.inc"
 }  // namespace batch_avx512
 DOUBLE_LANES_AVX512_END
+#else
+void sums_to_rows8(const float *acc, int npnt, float *const *out) {
+  for (int v = 0; v < npnt; v++)
+    for (int p = 0; p < 8; p++) out[p][v] = acc[8 * v + p];
+}
 #endif
 
 bool surface_lanes_make(SurfaceLanes *s, const float (*pnt)[3], int npnt, const int32_t (*dhk)[3], int ndhk) {
