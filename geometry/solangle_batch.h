@@ -8,7 +8,10 @@
 // triangle, seen under less than minangle and not touched by the point,
 // is split equally and runs without branches; the rest (points on a
 // triangle, near triangles) are handed to the caller one by one, in
-// triangle order for each point.
+// triangle order for each point.  So, with the same sums, are the rare far
+// pairs whose numbers lie beyond the range of the kernel's short road to a
+// small angle (a denominator below 2^-600, which single-precision surfaces
+// hardly reach).
 #pragma once
 
 #include <cstdint>
