@@ -31,6 +31,8 @@
 #include <vector>
 
 #include "numeric/lukernels.h"
+#include "numeric/lusplit.h"
+#include "numeric/lusteps.h"
 #include "numeric/nrutils.h"
 #include "numeric/verbose.h"
 
@@ -92,11 +94,6 @@ void run_parallel(int count, const Job &job) {
   job(0);
   for (int t : inline_jobs) job(t);
   for (auto &th : pool) th.join();
-}
-
-// sum[lo..hi] += y * row[lo..hi], in double (each product is exact).
-ROW_LOOP void add_scaled_row(double *__restrict sum, const float *__restrict row, double y, int lo, int hi) {
-  for (int k = lo; k <= hi; k++) sum[k] += y * (double)row[k];
 }
 
 // Replay the steps of pivots k0 .. k1 on columns c0 .. c1 of a (nothing when
@@ -285,22 +282,20 @@ void ludec(float **a, int n, float *cond) {
     *cond = 0.0f;
     return;
   }
-  // y[k] needs s = sum over j < k of y[j] a[j][k], added in increasing j
-  // (in double).  Row j of U is added to all later sums as soon as y[j] is
-  // known: each sum still takes its terms in increasing j, and U is read
-  // along its rows.
-  for (int k = 1; k <= n; k++) sum[k] = 0.0;
-  for (int j = 1; j <= n; j++) {
-    float s = (float)sum[j];
-    y[j] = (s >= 0.0f ? -1.0f - s : 1.0f - s) / a[j][j];
-    add_scaled_row(sum, a[j], y[j], j + 1, n);
-  }
+  // Each pass walks a triangle of the factors once, one row after another;
+  // a large one goes to two threads, each taking its own side of a column
+  // (numeric/lusplit.h), with the same results.
+  const bool two = n >= SPLIT_MIN_N && lu_threads() >= 2;
+  if (two)
+    estimate_start_split(a, n, y, sum);
+  else
+    estimate_start(a, n, y, sum);
   free_dvector(sum, 1, n);
-  tsolvel(a, n, y);
+  two ? tsolvel_split(a, n, y) : tsolvel(a, n, y);
   float ynorm = vnorm1(y, n);
   if (ynorm < 1e19f) {
-    solvel(a, n, y);
-    solveu(a, n, y);
+    two ? solvel_split(a, n, y) : solvel(a, n, y);
+    two ? solveu_split(a, n, y) : solveu(a, n, y);
     // Formed in double so that the product cannot overflow on its way to a
     // representable quotient; what single precision cannot hold, or a
     // solve that broke down into NaN, counts as hopeless.
@@ -354,7 +349,96 @@ ROW_LOOP bool plain_transposed_steps(const float *__restrict m, float *__restric
   return true;
 }
 
+// forward_steps for G rows: each pivot meets the G rows in turn, G
+// independent chains of operations.
+template <int G>
+void forward_steps_of(float *const *a, int i, int lo, int hi, float *b, float *x) {
+  const float *m[G];
+  float xq[G];
+#pragma GCC unroll 8
+  for (int q = 0; q < G; q++) m[q] = a[i + q], xq[q] = x[q];
+  for (int k = lo; k <= hi; k++) {
+    float p = b[k];
+#pragma GCC unroll 8
+    for (int q = 0; q < G; q++) forward_step(m[q][k], p, xq[q]);
+    b[k] = p;
+  }
+#pragma GCC unroll 8
+  for (int q = 0; q < G; q++) x[q] = xq[q];
+}
+
+// back_terms for G rows: G chains of fmaf side by side (one chain alone
+// would wait on each fmaf before the next).
+template <int G>
+void back_terms_of(float *const *a, int i, int hi, int lo, const float *b, float *s) {
+  const float *r[G];
+  float sq[G];
+#pragma GCC unroll 8
+  for (int q = 0; q < G; q++) r[q] = a[i - q], sq[q] = s[q];
+  for (int j = hi; j >= lo; j--) {
+    const float bj = b[j];
+#pragma GCC unroll 8
+    for (int q = 0; q < G; q++) sq[q] = fmaf(-r[q][j], bj, sq[q]);
+  }
+#pragma GCC unroll 8
+  for (int q = 0; q < G; q++) s[q] = sq[q];
+}
+
 }  // namespace
+
+ROW_LOOP void add_scaled_row(double *__restrict sum, const float *__restrict row, double y, int lo, int hi) {
+  for (int k = lo; k <= hi; k++) sum[k] += y * (double)row[k];
+}
+
+void estimate_start(float **a, int n, float *y, double *sum) {
+  for (int k = 1; k <= n; k++) sum[k] = 0.0;
+  for (int j = 1; j <= n; j++) {
+    y[j] = growing_entry(sum[j], a[j][j]);
+    add_scaled_row(sum, a[j], y[j], j + 1, n);
+  }
+}
+
+float transposed_steps(const float *ri, float *y, float yi, int hi, int lo) {
+  constexpr int C = 16;
+  int k = hi;
+  // Stretches without an exchange go as one vector operation each.
+  while (k - C + 1 >= lo) {
+    if (plain_transposed_steps(ri + k - C + 1, y + k - C + 1, yi)) {
+      k -= C;
+      continue;
+    }
+    for (int stop = k - C; k > stop; k--) transposed_step(ri[k], yi, y[k]);
+  }
+  for (; k >= lo; k--) transposed_step(ri[k], yi, y[k]);
+  return yi;
+}
+
+void forward_steps(float *const *a, int i, int rows, int lo, int hi, float *b, float *x) {
+  if (rows == STEP_GROUP)
+    forward_steps_of<STEP_GROUP>(a, i, lo, hi, b, x);
+  else
+    for (int q = 0; q < rows; q++) forward_steps_of<1>(a, i + q, lo, hi, b, x + q);
+}
+
+void forward_steps_within(float *const *a, int i, int rows, float *x) {
+  for (int q = 1; q < rows; q++)
+    for (int r = 0; r < q; r++) forward_step(a[i + q][i + r], x[r], x[q]);
+}
+
+void back_terms(float *const *a, int i, int rows, int hi, int lo, const float *b, float *s) {
+  if (rows == STEP_GROUP)
+    back_terms_of<STEP_GROUP>(a, i, hi, lo, b, s);
+  else
+    for (int q = 0; q < rows; q++) back_terms_of<1>(a, i - q, hi, lo, b, s + q);
+}
+
+void back_within(float *const *a, int i, int rows, float *b, float *s) {
+  for (int q = 0; q < rows; q++) {
+    const float *rq = a[i - q];
+    for (int j = i; j > i - q; j--) s[q] = fmaf(-rq[j], b[j], s[q]);
+    b[i - q] = s[q] / rq[i - q];
+  }
+}
 
 // a: factors from ludec.  b[1..n]: on input a right-hand side, on output
 // the same vector with the elimination steps (and their exchanges) applied
@@ -365,60 +449,29 @@ ROW_LOOP bool plain_transposed_steps(const float *__restrict m, float *__restric
 // places, so the result is that of the row-by-row order, with eight
 // independent chains of operations instead of one.
 void solvel(float **a, int n, float *b) {
-  constexpr int G = 8;
-  int i = 1;
-  for (; i + G - 1 <= n; i += G) {
-    const float *m[G];
-    float x[G];
-#pragma GCC unroll 8
-    for (int q = 0; q < G; q++) m[q] = a[i + q], x[q] = b[i + q];
-    for (int k = 1; k < i; k++) {
-      float p = b[k];
-#pragma GCC unroll 8
-      for (int q = 0; q < G; q++) forward_step(m[q][k], p, x[q]);
-      b[k] = p;
-    }
-#pragma GCC unroll 8
-    for (int q = 1; q < G; q++)
-#pragma GCC unroll 8
-      for (int r = 0; r < q; r++) forward_step(m[q][i + r], x[r], x[q]);
-#pragma GCC unroll 8
-    for (int q = 0; q < G; q++) b[i + q] = x[q];
-  }
-  for (; i <= n; i++) {
-    const float *ri = a[i];
-    float x = b[i];
-    for (int k = 1; k < i; k++) forward_step(ri[k], b[k], x);
-    b[i] = x;
+  for (int i = 1; i <= n;) {
+    const int rows = i + STEP_GROUP - 1 <= n ? STEP_GROUP : 1;
+    float x[STEP_GROUP];
+    for (int q = 0; q < rows; q++) x[q] = b[i + q];
+    forward_steps(a, i, rows, 1, i - 1, b, x);
+    forward_steps_within(a, i, rows, x);
+    for (int q = 0; q < rows; q++) b[i + q] = x[q];
+    i += rows;
   }
 }
 
 // a: factors from ludec.  b[1..n]: on input the output of solvel, on output
 // the solution of U x = b.  Each sum takes its terms from the last unknown
 // down.  Eight rows go together: their terms of the unknowns already solved
-// are eight chains of fmaf side by side (one chain alone would wait on each
-// fmaf before the next), then each row takes its terms among the eight.
+// side by side, then each row takes its terms among the eight.
 void solveu(float **a, int n, float *b) {
-  constexpr int G = 8;
-  int i = n;
-  for (; i - (G - 1) >= 1; i -= G) {
-    const float *r[G];
-    float s[G];
-    for (int q = 0; q < G; q++) r[q] = a[i - q], s[q] = b[i - q];
-    for (int j = n; j > i; j--) {
-      const float bj = b[j];
-      for (int q = 0; q < G; q++) s[q] = fmaf(-r[q][j], bj, s[q]);
-    }
-    for (int q = 0; q < G; q++) {
-      for (int j = i; j > i - q; j--) s[q] = fmaf(-r[q][j], b[j], s[q]);
-      b[i - q] = s[q] / r[q][i - q];
-    }
-  }
-  for (; i >= 1; i--) {
-    const float *ri = a[i];
-    float s = b[i];
-    for (int j = n; j > i; j--) s = fmaf(-ri[j], b[j], s);
-    b[i] = s / ri[i];
+  for (int i = n; i >= 1;) {
+    const int rows = i - STEP_GROUP + 1 >= 1 ? STEP_GROUP : 1;
+    float s[STEP_GROUP];
+    for (int q = 0; q < rows; q++) s[q] = b[i - q];
+    back_terms(a, i, rows, n, i + 1, b, s);
+    back_within(a, i, rows, b, s);
+    i -= rows;
   }
 }
 
@@ -644,22 +697,7 @@ void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info
 // inside gives every entry exactly that sequence while reading a along its
 // rows.
 void tsolvel(float **a, int n, float *y) {
-  constexpr int C = 16;
-  for (int i = n; i >= 2; i--) {
-    const float *ri = a[i];
-    float yi = y[i];
-    int k = i - 1;
-    // Stretches without an exchange go as one vector operation each.
-    while (k >= C) {
-      if (plain_transposed_steps(ri + k - C + 1, y + k - C + 1, yi)) {
-        k -= C;
-        continue;
-      }
-      for (int stop = k - C; k > stop; k--) transposed_step(ri[k], yi, y[k]);
-    }
-    for (; k >= 1; k--) transposed_step(ri[k], yi, y[k]);
-    y[i] = yi;
-  }
+  for (int i = n; i >= 2; i--) y[i] = transposed_steps(a[i], y, y[i], i - 1, 1);
 }
 
 namespace {

@@ -12,6 +12,8 @@
 
 #include "numeric/ludec.h"
 #include "numeric/ludec_plain.h"
+#include "numeric/lusplit.h"
+#include "numeric/lusteps.h"
 #include "numeric/verbose.h"
 #include "tests/support/g3_mat.h"
 
@@ -172,6 +174,28 @@ TEST(LudecFast, OddMultipliersAndNegativeZeroAroundTheLeadingZeros) {
   x[1][1] = 4.0f;
   solvelu_many(f, n, x, 0), solvelu_many(f, 0, x, 2), ludec(f, 0, &cond);
   EXPECT_TRUE(x[1][1] == 4.0f && f[1][1] == 1.0f && cond == 1.0f);
+}
+
+// The condition estimate's passes split between two threads against the
+// one-thread passes, on factors with and without exchanges, zero pivots and
+// overflow, for orders around the cuts and the row groups.
+TEST(LudecFast, EstimatePassesOnTwoThreadsAsOnOne) {
+  for (int kind : {RANDOM, BOTTOM_HEAVY, ZERO_PIVOTS, BEM_LIKE, OVERFLOWING})
+    for (int n : {1, 2, 9, 25, 41, 301}) {
+      const std::string name = "kind " + std::to_string(kind) + " n = " + std::to_string(n);
+      M f = make(kind, n, 7 * n + kind, true), one(1, n), two(1, n);
+      std::vector<double> sum(n + 1);
+      estimate_start(f, n, one[1], sum.data());
+      estimate_start_split(f, n, two[1], sum.data());
+      ASSERT_EQ(compare(one, two), "") << name << " first pass";
+      for (int i = 1; i <= n; i++) one[1][i] = two[1][i] = (float)std::sin(i * 0.37 + n);
+      tsolvel(f, n, one[1]), tsolvel_split(f, n, two[1]);
+      ASSERT_EQ(compare(one, two), "") << name << " tsolvel";
+      solvel(f, n, one[1]), solvel_split(f, n, two[1]);
+      ASSERT_EQ(compare(one, two), "") << name << " solvel";
+      solveu(f, n, one[1]), solveu_split(f, n, two[1]);
+      ASSERT_EQ(compare(one, two), "") << name << " solveu";
+    }
 }
 
 // The norm of a matrix large enough to be shared among threads: the row
