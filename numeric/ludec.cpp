@@ -19,6 +19,7 @@
 #include "numeric/ludec.h"
 #include "numeric/ludec_plain.h"
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cmath>
@@ -581,15 +582,45 @@ void solve_block(float **a, int n, float **x, int r0, int width, int wl, int ski
 
 }  // namespace
 
-// a: factors from ludec.  Returns what solvelu_many needs to know of them;
-// one pass over the lower triangle.
-ROW_LOOP LuSolveInfo lu_solve_info(float **a, int n) {
-  LuSolveInfo info{std::vector<int>(n + 1 > 1 ? n + 1 : 1, 0), n + 1};
-  int *lk = info.last_unplain.data();
-  for (int i = 2; i <= n; i++) {
+namespace {
+
+// lu_solve_info's look at rows lo .. hi alone: lk[k] the last of them whose
+// multiplier in column k is not plain (else 0), and the first of them
+// holding a NaN (else n + 1).
+ROW_LOOP int solve_info_rows(float **a, int n, int lo, int hi, int *lk) {
+  int first_nan = n + 1;
+  for (int i = lo; i <= hi; i++) {
     const float *ai = a[i];
     for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
-    if (info.first_nan_row > n && row_has_nan(ai, i - 1)) info.first_nan_row = i;
+    if (first_nan > n && row_has_nan(ai, i - 1)) first_nan = i;
+  }
+  return first_nan;
+}
+
+}  // namespace
+
+// a: factors from ludec.  Returns what solvelu_many needs to know of them;
+// one pass over the lower triangle, shared among the threads by rows (each
+// range of rows gives its own last rows and first NaN; the latest and the
+// earliest of them are the same whatever the split).
+LuSolveInfo lu_solve_info(float **a, int n) {
+  LuSolveInfo info{std::vector<int>(n + 1 > 1 ? n + 1 : 1, 0), n + 1};
+  int threads = lu_threads();
+  if ((long long)n * n < 4000000LL) threads = 1;
+  if (threads == 1) {
+    info.first_nan_row = solve_info_rows(a, n, 2, n, info.last_unplain.data());
+    return info;
+  }
+  // Ranges of about equal triangle: row i has i - 1 entries.
+  std::vector<int> first(threads + 1);
+  for (int t = 0; t <= threads; t++) first[t] = 2 + (int)((n - 1) * std::sqrt((double)t / threads));
+  first[threads] = n + 1;
+  std::vector<std::vector<int>> lks(threads, std::vector<int>(n + 1, 0));
+  std::vector<int> nans(threads, n + 1);
+  run_parallel(threads, [&](int t) { nans[t] = solve_info_rows(a, n, first[t], first[t + 1] - 1, lks[t].data()); });
+  for (int t = 0; t < threads; t++) {
+    for (int k = 1; k <= n; k++) info.last_unplain[k] = std::max(info.last_unplain[k], lks[t][k]);
+    info.first_nan_row = std::min(info.first_nan_row, nans[t]);
   }
   return info;
 }

@@ -200,8 +200,10 @@ TEST(LudecFast, EstimatePassesOnTwoThreadsAsOnOne) {
 
 // The norm of a matrix large enough to be shared among threads: the row
 // sums in double, the largest of them, a NaN row counting for nothing,
-// whichever thread holds the largest row.
-TEST(LudecFast, NormIsOneNumberOnAnyThreadCount) {
+// whichever thread holds the largest row.  What the solves learn of the
+// lower triangle (the last row with a large multiplier in each column, the
+// first NaN row) comes out the same too.
+TEST(LudecFast, NormAndSolveInfoAreOneAnswerOnAnyThreadCount) {
   const int n = 2100;
   M a = make(RANDOM, n, 3);
   a[100][7] = NAN;
@@ -213,9 +215,17 @@ TEST(LudecFast, NormIsOneNumberOnAnyThreadCount) {
       for (int j = 1; j <= n; j++) sum += std::fabs((double)a[i][j]);
       if ((float)sum > want) want = (float)sum;
     }
+    a[1700][1600] = big == 1 ? 2.0f : 0.5f;  // the latest in its column only some of the time
+    set_lu_threads(1);
+    const LuSolveInfo one = lu_solve_info(a, n);
+    EXPECT_EQ(one.first_nan_row, 100);
+    EXPECT_EQ(one.last_unplain[3], big == 1 ? 0 : big);  // (3 % 3) - 1.25
     for (int threads : {1, 2, 3}) {
       set_lu_threads(threads);
       EXPECT_EQ(mnorm1(a, n), want) << "largest row " << big << ", threads " << threads;
+      const LuSolveInfo info = lu_solve_info(a, n);
+      EXPECT_EQ(info.last_unplain, one.last_unplain) << "threads " << threads;
+      EXPECT_EQ(info.first_nan_row, one.first_nan_row) << "threads " << threads;
     }
     set_lu_threads(0);
     for (int j = 1; j <= n; j++) a[big][j] = 0.0f;
