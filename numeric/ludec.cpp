@@ -53,6 +53,10 @@ constexpr float HOPELESS_COND = 1e38f;
 // Columns factorised together before the rest of the matrix is brought up
 // to date; wider panels read the trailing matrix fewer times.
 constexpr int PANEL = 256;
+// The first panel is factorised before any thread has other work, so it
+// is narrower: its steps then reach the rest of the matrix while the next,
+// full-width panel is factorised.
+constexpr int FIRST_PANEL = 64;
 // Panels are split in halves down to this width, where the decisions are
 // taken (factor_base_columns, which takes at most 16 columns).
 constexpr int BASE_WIDTH = 16;
@@ -191,10 +195,10 @@ bool factor_blocked(float **a, int n, bool shown) {
   Countdown cd{shown, n};
   cd.advance(0);
   long long done = 0;
-  factor_panel(a, n, 1, PANEL < n ? PANEL : n, works[0]);
-  cur->take(a, 1, PANEL < n ? PANEL : n);
-  for (int p0 = 1; p0 <= n - 1; p0 += PANEL) {
-    const int p1 = p0 + PANEL - 1 < n ? p0 + PANEL - 1 : n;
+  const int first = FIRST_PANEL < n ? FIRST_PANEL : n;
+  factor_panel(a, n, 1, first, works[0]);
+  cur->take(a, 1, first);
+  for (int p0 = 1, p1 = first; p0 <= n - 1; p0 = p1 + 1, p1 = p0 + PANEL - 1 < n ? p0 + PANEL - 1 : n) {
     // Panel p0 .. p1 is factorised.  Its steps go to the next panel's
     // columns first, so that the next panel can be factorised while the
     // other threads bring the columns beyond it up to date.
