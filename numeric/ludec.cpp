@@ -103,50 +103,75 @@ void run_parallel(int count, const Job &job) {
 
 // Replay the steps of pivots k0 .. k1 on columns c0 .. c1 of a (nothing when
 // c1 < c0), with work space `work`; the multipliers are read from mul (a
-// itself, or a copy of them), and unplain is find_unplain_rows of them or
-// null.
+// itself, or a copy of them), and unplain and marks describe them (or are
+// null).
 void replay_columns(float **a, int n, int k0, int k1, int c0, int c1, float *work, float *const *mul = nullptr,
-                    const unsigned char *unplain = nullptr) {
+                    const unsigned char *unplain = nullptr, const ReplayMarks *marks = nullptr) {
   if (c1 < c0 || k1 < k0) return;
   StepReplay p{mul ? mul : a, a, c0, c1 - c0 + 1, n, k0, k1, k0 + 1, true};
   p.unplain = unplain;
+  p.marks = marks;
   replay_steps(p, work);
 }
 
-// The multipliers of one panel (pivots k0 .. k1), rows k0+1 .. n, copied
-// side by side: every chunk of columns reads them all, and in place they lie
-// a whole matrix row apart, each on a page of its own.  rows[i] indexes like
-// a[i] (rows[i][k] for k0 <= k <= k1); unplain as find_unplain_rows.
-struct PanelMultipliers {
-  Buffer buf;
-  std::vector<float *> rows;
-  std::vector<unsigned char> unplain;
-  int n;
-  PanelMultipliers(int n_) : buf((size_t)n_ * PANEL), rows((size_t)n_ + 1), unplain((size_t)n_ + 1), n(n_) {}
-
-  void take(float **a, int k0, int k1) {
-    const int w = k1 - k0 + 1;
-    for (int i = 1; i <= n; i++) rows[i] = i > k0 ? buf.p + (size_t)(i - k0 - 1) * PANEL - k0 : a[i];
-    for (int i = k0 + 1; i <= n; i++) memcpy(rows[i] + k0, a[i] + k0, (size_t)w * sizeof(float));
-    find_unplain_rows(rows.data(), n, k0, k1, k0 + 1, unplain.data());
-  }
-};
-
 // Factorise columns k0 .. k1 (all steps of pivots k0 .. k1, on those columns)
 // by halves: the left half, its steps replayed on the right half, the right.
-void factor_panel(float **a, int n, int k0, int k1, float *work) {
+// unplain[k0+1 .. n], zero on input: on output 1 for the rows with a
+// multiplier among these columns that is not plain (false alarms allowed),
+// as the base factorisations find them; the replay of the left half's steps
+// uses its own.  halves: one such array per level of halving below this.
+void factor_panel(float **a, int n, int k0, int k1, float *work, unsigned char *unplain,
+                  std::vector<unsigned char> *halves) {
   const int width = k1 - k0 + 1;
   if (width <= BASE_WIDTH) {
-    factor_base_columns(a, n, k0, k1);
+    factor_base_columns(a, n, k0, k1, unplain);
     return;
   }
   const int half = ((width / 2) + BASE_WIDTH - 1) / BASE_WIDTH * BASE_WIDTH;
   const int mid = k0 + half - 1;
-  factor_panel(a, n, k0, mid, work);
+  unsigned char *left = halves[0].data();
+  memset(left + k0 + 1, 0, (size_t)(n - k0));
+  factor_panel(a, n, k0, mid, work, left, halves + 1);
   StepReplay p{a, a, mid + 1, k1 - mid, n, k0, mid, k0 + 1, true};
+  p.unplain = left;
   replay_steps(p, work);
-  factor_panel(a, n, mid + 1, k1, work);
+  for (int i = k0 + 1; i <= n; i++) unplain[i] |= left[i];
+  factor_panel(a, n, mid + 1, k1, work, unplain, halves + 1);
 }
+
+// Levels of halving from a panel down to the base width.
+constexpr int HALVINGS = 8;
+static_assert((PANEL >> (HALVINGS - 1)) <= BASE_WIDTH, "enough levels for a whole panel");
+
+// One panel (pivots k0 .. k1): its factorisation, and its multipliers,
+// rows k0+1 .. n, copied side by side: every chunk of columns reads them
+// all, and in place they lie a whole matrix row apart, each on a page of its
+// own.  rows[i] indexes like a[i] (rows[i][k] for k0 <= k <= k1); unplain as
+// factor_panel finds it; marks where the replay of the panel's steps may
+// exchange.
+struct PanelMultipliers {
+  Buffer buf;
+  std::vector<float *> rows;
+  std::vector<unsigned char> unplain;
+  std::vector<unsigned char> halves[HALVINGS];
+  ReplayMarks marks;
+  int n;
+  PanelMultipliers(int n_) : buf((size_t)n_ * PANEL), rows((size_t)n_ + 1), unplain((size_t)n_ + 1), n(n_) {
+    for (auto &h : halves) h.resize((size_t)n_ + 1);
+  }
+
+  // The panel's columns must have taken the steps of every earlier pivot.
+  void factor_and_take(float **a, int k0, int k1, float *work) {
+    const int w = k1 - k0 + 1;
+    memset(unplain.data() + k0 + 1, 0, (size_t)(n - k0));
+    if (k0 <= n - 1) factor_panel(a, n, k0, k1, work, unplain.data(), halves);
+    for (int i = 1; i <= n; i++) rows[i] = i > k0 ? buf.p + (size_t)(i - k0 - 1) * PANEL - k0 : a[i];
+    for (int i = k0 + 1; i <= n; i++) memcpy(rows[i] + k0, a[i] + k0, (size_t)w * sizeof(float));
+    StepReplay p{rows.data(), a, 0, 0, n, k0, k1, k0 + 1, true};
+    p.unplain = unplain.data();
+    replay_marks(p, &marks);
+  }
+};
 
 // The countdown of rows as the one-row-at-a-time loops would print it:
 // the line for row i appears once the work done is as much as those loops
@@ -196,8 +221,7 @@ bool factor_blocked(float **a, int n, bool shown) {
   cd.advance(0);
   long long done = 0;
   const int first = FIRST_PANEL < n ? FIRST_PANEL : n;
-  factor_panel(a, n, 1, first, works[0]);
-  cur->take(a, 1, first);
+  cur->factor_and_take(a, 1, first, works[0]);
   for (int p0 = 1, p1 = first; p0 <= n - 1; p0 = p1 + 1, p1 = p0 + PANEL - 1 < n ? p0 + PANEL - 1 : n) {
     // Panel p0 .. p1 is factorised.  Its steps go to the next panel's
     // columns first, so that the next panel can be factorised while the
@@ -221,7 +245,7 @@ bool factor_blocked(float **a, int n, bool shown) {
         size = size < min_chunk ? min_chunk : (size + tw - 1) / tw * tw;
         c1 = c0 + size - 1 < n ? c0 + size - 1 : n;
         if (next_col.compare_exchange_weak(c0, c1 + 1)) {
-          replay_columns(a, n, p0, p1, c0, c1, works[t], cur->rows.data(), cur->unplain.data());
+          replay_columns(a, n, p0, p1, c0, c1, works[t], cur->rows.data(), cur->unplain.data(), &cur->marks);
           c0 = next_col.load();
         }
       }
@@ -229,17 +253,15 @@ bool factor_blocked(float **a, int n, bool shown) {
     auto lead = [&](int t) {
       if (t != 0) return worker(t);
       if (q0 <= n) {
-        replay_columns(a, n, p0, p1, q0, q1, works[0], cur->rows.data(), cur->unplain.data());
-        if (q0 <= n - 1) factor_panel(a, n, q0, q1, works[0]);
-        next->take(a, q0, q1);
+        replay_columns(a, n, p0, p1, q0, q1, works[0], cur->rows.data(), cur->unplain.data(), &cur->marks);
+        next->factor_and_take(a, q0, q1, works[0]);
       }
       worker(0);
     };
     int count = threads < nchunks + 1 ? threads : nchunks + 1;
     if (count <= 1) {  // alone: all columns in one sweep, then the next panel
-      replay_columns(a, n, p0, p1, q0, n, works[0], cur->rows.data(), cur->unplain.data());
-      if (q0 <= n - 1) factor_panel(a, n, q0, q1, works[0]);
-      if (q0 <= n) next->take(a, q0, q1);
+      replay_columns(a, n, p0, p1, q0, n, works[0], cur->rows.data(), cur->unplain.data(), &cur->marks);
+      if (q0 <= n) next->factor_and_take(a, q0, q1, works[0]);
     } else {
       run_parallel(count, lead);
     }

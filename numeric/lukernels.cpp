@@ -184,13 +184,13 @@ size_t replay_work_floats(int npiv) {
   return lu_portable::work_floats(npiv);
 }
 
-void factor_base_columns(float *const *a, int n, int k0, int k1) {
+void factor_base_columns(float *const *a, int n, int k0, int k1, unsigned char *unplain) {
   if (k1 < k0) return;
 #if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::factor_base(a, n, k0, k1);
-  if (current_level == 1) return lu_avx2::factor_base(a, n, k0, k1);
+  if (current_level == 2) return lu_avx512::factor_base(a, n, k0, k1, unplain);
+  if (current_level == 1) return lu_avx2::factor_base(a, n, k0, k1, unplain);
 #endif
-  lu_portable::factor_base(a, n, k0, k1);
+  lu_portable::factor_base(a, n, k0, k1, unplain);
 }
 
 void replay_steps(const StepReplay &p, float *work) {
@@ -202,16 +202,12 @@ void replay_steps(const StepReplay &p, float *work) {
   lu_portable::replay(p, work);
 }
 
-void find_unplain_rows(float *const *mul, int n, int k0, int k1, int lo, unsigned char *unplain) {
-  if (k1 < k0) {
-    for (int i = lo; i <= n; i++) unplain[i] = 0;
-    return;
-  }
+void replay_marks(const StepReplay &p, ReplayMarks *m) {
 #if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::unplain_rows(mul, n, k0, k1, lo, unplain);
-  if (current_level == 1) return lu_avx2::unplain_rows(mul, n, k0, k1, lo, unplain);
+  if (current_level == 2) return lu_avx512::marks(p, m);
+  if (current_level == 1) return lu_avx2::marks(p, m);
 #endif
-  lu_portable::unplain_rows(mul, n, k0, k1, lo, unplain);
+  lu_portable::marks(p, m);
 }
 
 void back_substitute(float *const *a, int n, float *const *s, int width) {

@@ -14,6 +14,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 // One replay: the steps of pivots k0 .. k1, with the multiplier of step
 // (k, i) in mul[i][k] (the factorised matrix), applied to the target columns
@@ -35,16 +37,27 @@ struct StepReplay {
   // plain, |m| <= 1: the kernels need not look for exchanges.
   bool plain = false;
   // Optional, indexed by row: 0 where no entry mul[i][k0 .. k1] of row i is
-  // other than plain (find_unplain_rows; a 1 may be a false alarm).  Groups
-  // of rows whose entries are all 0 are then not scanned again for
-  // exchanges, which matters when the same steps are replayed on many
-  // column ranges.
+  // other than plain (a 1 may be a false alarm).  Groups of rows whose
+  // entries are all 0 are then not scanned for exchanges.
   const unsigned char *unplain = nullptr;
+  // Optional: replay_marks of these very steps (mul, n, k0, k1, ilo and the
+  // hints above), when the same steps go to many column ranges: then they
+  // are not looked for again.
+  const struct ReplayMarks *marks = nullptr;
 };
 
-// unplain[i] = 1 where some multiplier mul[i][k0 .. k1] is not plain
-// (!(|m| <= 1), NaN included), else 0, for rows i = lo .. n.
-void find_unplain_rows(float *const *mul, int n, int k0, int k1, int lo, unsigned char *unplain);
+// Where the rows of a replay may exchange, for every column range alike: per
+// group of rows (the pivot rows' groups, then the later rows'), whether it
+// may at all, and one bit per pivot where it may; the replay kernels'
+// layout.
+struct ReplayMarks {
+  int n = 0, k0 = 0, k1 = -1, ilo = 0;  // the steps they belong to
+  std::vector<uint64_t> flags;
+  std::vector<unsigned char> exch;
+};
+// m: on output the marks of replay p (its columns play no part).
+void replay_marks(const StepReplay &p, ReplayMarks *m);
+
 
 // Instruction-set levels: 0 portable C++, 1 AVX2 with FMA, 2 AVX-512.
 int lu_simd_best();
@@ -65,8 +78,11 @@ void replay_steps(const StepReplay &p, float *work);
 // The factorisation restricted to columns k0 .. k1 of a[1..n][1..n] (at
 // most 16 columns): every step of pivots k0 .. k1, on those columns only, in
 // effect in the defining order, decisions and pivot guard included.  The
-// columns must already have taken all steps of earlier pivots.
-void factor_base_columns(float *const *a, int n, int k0, int k1);
+// columns must already have taken all steps of earlier pivots.  unplain
+// (optional, indexed by row): set to 1 for the rows k0+1 .. n that exchanged
+// in these steps (and perhaps for some that met the pivot guard), the rest
+// left alone.
+void factor_base_columns(float *const *a, int n, int k0, int k1, unsigned char *unplain = nullptr);
 
 // Lanes of one vector at the current level; back_substitute wants widths
 // that are a multiple of it.
