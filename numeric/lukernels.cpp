@@ -45,7 +45,7 @@ constexpr int TILE_V = 4, ROWS = 4, BACK_V = 4, BLOCK_TILES = 16;
 
 #if LU_X86_KERNELS
 #pragma GCC push_options
-#pragma GCC target("avx2,fma")
+#pragma GCC target("avx2,fma,prfchw")
 namespace lu_avx2 {
 struct V {
   using T = __m256;
