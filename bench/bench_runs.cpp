@@ -180,7 +180,7 @@ void register_runs() {
         ->Unit(benchmark::kSecond);
 #ifdef BRELIX_BENCH_OPENBLAS
   benchmark::RegisterBenchmark("BM_ForwardRunVsSgetrf", BM_ForwardRunVsSgetrf)
-      ->Iterations(3)
+      ->Iterations(5)
       ->UseManualTime()
       ->Unit(benchmark::kSecond);
 #endif

@@ -28,6 +28,12 @@ DOUBLE_LANES_AVX512_END
 
 double elem_atan2(double y, double x) { return elementary_scalar::atan2_lanes(y, x); }
 
+bool elem_atan2_small(double y, double x, double *angle) {
+  bool ok;
+  *angle = elementary_scalar::atan2_lanes_small(y, x, &ok);
+  return ok;
+}
+
 double elem_log(double x) { return elementary_scalar::log_lanes(x); }
 
 void elem_atan2_many(const double *y, const double *x, double *out, int n) {

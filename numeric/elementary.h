@@ -14,6 +14,12 @@
 // included).
 double elem_atan2(double y, double x);
 
+// The short road to small angles that the assembly takes for far
+// triangles: returns whether it applies to (y, x) (x in [2^-600, 2^1000],
+// |y| at most 0.0509 x, and 0 or at least 2^-900), and then *angle =
+// elem_atan2(y, x), bit for bit.
+bool elem_atan2_small(double y, double x, double *angle);
+
 // x: any double.  Returns the natural logarithm of x; -inf at 0, NaN below
 // 0 and for NaN, +inf at +inf.
 double elem_log(double x);

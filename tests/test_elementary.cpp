@@ -151,3 +151,34 @@ TEST(Elementary, WithinOneUlpOfLongDoubleAndTheScalarBitsFromEveryVectorLevel) {
   }
   double_simd_set_level(-1);
 }
+
+// The short road for small angles: where it applies, the bits of atan2;
+// it applies to every ordinary small angle (all those of far triangles) and
+// declines zero or negative x, tiny or huge numbers, NaN and wider angles.
+TEST(Elementary, SmallAnglesByTheShortRoadAsByTheFullOne) {
+  auto args = atan2_arguments();
+  std::uniform_real_distribution<double> small(-0.0509, 0.0509);
+  for (int k = 0; k < 20000; k++) {
+    const double x = std::ldexp(1.0 + (rng()() % 1000) / 1000.0, (int)(rng()() % 1200) - 590);
+    args.push_back({small(rng()) * x, x});
+  }
+  int taken = 0;
+  for (const auto &[y, x] : args) {
+    double angle;
+    const bool ok = elem_atan2_small(y, x, &angle);
+    const bool ordinary = x >= 0x1p-600 && x <= 0x1p1000 && (y == 0.0 || std::fabs(y) >= 0x1p-900);
+    // Far triangles' angles (|y| / x below tan(0.05)) always take it.
+    if (ordinary && std::fabs(y) <= 0.0501 * x) {
+      EXPECT_TRUE(ok) << std::hexfloat << y << ", " << x;
+    }
+    if (!ordinary) {
+      EXPECT_FALSE(ok) << std::hexfloat << y << ", " << x;
+    }
+    if (ok) {
+      taken++;
+      const double want = elem_atan2(y, x);
+      ASSERT_EQ(0, memcmp(&angle, &want, sizeof angle)) << std::hexfloat << "atan2(" << y << ", " << x << ")";
+    }
+  }
+  EXPECT_GT(taken, 20000);
+}
