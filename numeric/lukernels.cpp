@@ -24,6 +24,14 @@
 #define LU_X86_KERNELS 0
 #endif
 
+// Eight rows of eight floats, src[j] + c .. + 7, become the eight columns of
+// dst[j] + d .. + 7, entry by entry: for the levels whose body does not call
+// it (FAST_TRANSPOSE8 false); AVX2 has its own in registers.
+inline void transpose8(float *const *dst, int d, const float *const *src, int c) {
+  for (int j = 0; j < 8; j++)
+    for (int l = 0; l < 8; l++) dst[l][d + j] = src[j][c + l];
+}
+
 // Level 0: portable C++, one float per "vector".
 namespace lu_portable {
 struct V {
@@ -40,6 +48,7 @@ struct V {
   static T blend_range(int r, int e, T a, T b) { return r <= 0 && 0 < e ? a : b; }
 };
 constexpr int TILE_V = 4, ROWS = 4, BACK_V = 4, BLOCK_TILES = 16;
+constexpr bool FAST_TRANSPOSE8 = false;
 #include "numeric/lukernels_body.inc"
 }  // namespace lu_portable
 
@@ -71,9 +80,6 @@ struct V {
     return _mm256_blendv_ps(b, a, _mm256_castsi256_ps(in));
   }
 };
-constexpr int TILE_V = 2, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
-#include "numeric/lukernels_body.inc"
-
 // Eight rows of eight floats, src[j] + c .. + 7, become the eight columns
 // of dst[j] + d .. + 7: moves only, every bit kept.
 inline void transpose8(float *const *dst, int d, const float *const *src, int c) {
@@ -96,6 +102,10 @@ inline void transpose8(float *const *dst, int d, const float *const *src, int c)
   _mm256_storeu_ps(dst[6] + d, _mm256_permute2f128_ps(u2, u6, 0x31));
   _mm256_storeu_ps(dst[7] + d, _mm256_permute2f128_ps(u3, u7, 0x31));
 }
+
+constexpr int TILE_V = 2, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
+constexpr bool FAST_TRANSPOSE8 = true;
+#include "numeric/lukernels_body.inc"
 
 void transpose_avx2(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols) {
   const int r8 = rows / 8 * 8, c8 = cols / 8 * 8;
@@ -130,6 +140,7 @@ struct V {
   }
 };
 constexpr int TILE_V = 4, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
+constexpr bool FAST_TRANSPOSE8 = false;
 #include "numeric/lukernels_body.inc"
 }  // namespace lu_avx512
 #pragma GCC pop_options
