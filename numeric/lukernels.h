@@ -17,6 +17,16 @@
 #include <cstdint>
 #include <vector>
 
+// Where the rows of a replay may exchange, for every column range alike: per
+// group of rows (the pivot rows' groups, then the later rows'), whether it
+// may at all, and one bit per pivot where it may; the replay kernels'
+// layout.
+struct ReplayMarks {
+  int n = 0, k0 = 0, k1 = -1, ilo = 0;  // the steps they belong to
+  std::vector<uint64_t> flags;
+  std::vector<unsigned char> exch;
+};
+
 // One replay: the steps of pivots k0 .. k1, with the multiplier of step
 // (k, i) in mul[i][k] (the factorised matrix), applied to the target columns
 // trow[i][col .. col + ncols - 1] of rows k0 .. n in the order of the
@@ -43,21 +53,11 @@ struct StepReplay {
   // Optional: replay_marks of these very steps (mul, n, k0, k1, ilo and the
   // hints above), when the same steps go to many column ranges: then they
   // are not looked for again.
-  const struct ReplayMarks *marks = nullptr;
+  const ReplayMarks *marks = nullptr;
 };
 
-// Where the rows of a replay may exchange, for every column range alike: per
-// group of rows (the pivot rows' groups, then the later rows'), whether it
-// may at all, and one bit per pivot where it may; the replay kernels'
-// layout.
-struct ReplayMarks {
-  int n = 0, k0 = 0, k1 = -1, ilo = 0;  // the steps they belong to
-  std::vector<uint64_t> flags;
-  std::vector<unsigned char> exch;
-};
 // m: on output the marks of replay p (its columns play no part).
 void replay_marks(const StepReplay &p, ReplayMarks *m);
-
 
 // Instruction-set levels: 0 portable C++, 1 AVX2 with FMA, 2 AVX-512.
 int lu_simd_best();
