@@ -268,6 +268,15 @@ void register_all(bool big) {
             ->ArgNames({"n", "nrhs", "threads", "unit"})
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
+  // The forward job's shape: three components of ten dipoles on a large model.
+  if (big)
+    for (int threads : {1, 2})
+      for (int nrhs : {30, 64, 128})
+      benchmark::RegisterBenchmark("BM_SolveMany", BM_SolveMany)
+          ->Args({7686, nrhs, threads, 0})
+          ->ArgNames({"n", "nrhs", "threads", "unit"})
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime();
   for (int n : sizes)
     if (n >= 2000)
       for (int threads : {1, 2})

@@ -31,28 +31,18 @@
 #include <utility>
 #include <vector>
 
+#include "numeric/ludec_shared.h"
 #include "numeric/lukernels.h"
 #include "numeric/lusplit.h"
 #include "numeric/lusteps.h"
 #include "numeric/nrutils.h"
 #include "numeric/verbose.h"
 
-// At -O2 GCC only vectorises loops whose length is a known multiple of the
-// vector width; let the row loops below carry a scalar remainder.
-#if defined(__GNUC__) && !defined(__clang__)
-#define ROW_LOOP __attribute__((optimize("vect-cost-model=dynamic")))
-#else
-#define ROW_LOOP
-#endif
-
 namespace {
 
 // Reported when the estimate itself is out of reach.
 constexpr float HOPELESS_COND = 1e38f;
 
-// Columns factorised together before the rest of the matrix is brought up
-// to date; wider panels read the trailing matrix fewer times.
-constexpr int PANEL = 256;
 // The first panel is factorised before any thread has other work, so it
 // is narrower: its steps then reach the rest of the matrix while the next,
 // full-width panel is factorised.
@@ -60,46 +50,9 @@ constexpr int FIRST_PANEL = 64;
 // Panels are split in halves down to this width, where the decisions are
 // taken (factor_base_columns, which takes at most 16 columns).
 constexpr int BASE_WIDTH = 16;
-// Right-hand sides solved side by side in one block of solvelu_many.
-constexpr int MANY_BLOCK = 512;
-// Right-hand sides below which solvelu_many simply loops.
-constexpr int MANY_MIN_RHS = 4;
 
-int thread_setting = 0;
 
-int lu_threads() {
-  if (thread_setting > 0) return thread_setting;
-  unsigned h = std::thread::hardware_concurrency();
-  return h == 0 ? 1 : (int)h;
-}
 
-// A float buffer aligned for the widest vectors; empty when the memory could
-// not be had.
-struct Buffer {
-  float *p = nullptr;
-  explicit Buffer(size_t count) { p = new (std::align_val_t(64), std::nothrow) float[count ? count : 1]; }
-  Buffer(const Buffer &) = delete;
-  Buffer &operator=(const Buffer &) = delete;
-  ~Buffer() { ::operator delete[](p, std::align_val_t(64), std::nothrow); }
-};
-
-// Run job(0) .. job(count-1), job(0) on this thread and the others on
-// threads of their own; if a thread cannot be started its job runs here.
-template <class Job>
-void run_parallel(int count, const Job &job) {
-  std::vector<std::thread> pool;
-  std::vector<int> inline_jobs;
-  for (int t = 1; t < count; t++) {
-    try {
-      pool.emplace_back(job, t);
-    } catch (...) {
-      inline_jobs.push_back(t);
-    }
-  }
-  job(0);
-  for (int t : inline_jobs) job(t);
-  for (auto &th : pool) th.join();
-}
 
 // Replay the steps of pivots k0 .. k1 on columns c0 .. c1 of a (nothing when
 // c1 < c0), with work space `work`; the multipliers are read from mul (a
@@ -278,7 +231,18 @@ bool factor_blocked(float **a, int n, bool shown) {
 
 }  // namespace
 
+
+namespace {
+int thread_setting = 0;
+}  // namespace
+
 void set_lu_threads(int count) { thread_setting = count > 0 ? count : 0; }
+
+int lu_threads() {
+  if (thread_setting > 0) return thread_setting;
+  unsigned h = std::thread::hardware_concurrency();
+  return h == 0 ? 1 : (int)h;
+}
 
 int set_lu_simd(int level) { return lu_set_simd_level(level); }
 
@@ -507,240 +471,6 @@ void solveu(float **a, int n, float *b) {
 void solvelu(float **a, int n, float *b) {
   solvel(a, n, b);
   solveu(a, n, b);
-}
-
-namespace {
-
-// Float entries read as their bit patterns.
-typedef uint32_t float_bits __attribute__((may_alias));
-
-// Whether any of the bit patterns w[lo .. hi] is nonzero.
-ROW_LOOP bool any_bits(const float_bits *w, int lo, int hi) {
-  uint32_t any = 0;
-  for (int i = lo; i <= hi; i++) any |= w[i];
-  return any != 0;
-}
-
-// Index of the first entry of v[1..n] that is not +0.0 (n + 1 if none).
-// Long runs of zeros are passed over a stretch at a time.
-int first_nonzero(const float *v, int n) {
-  const float_bits *w = reinterpret_cast<const float_bits *>(v);
-  constexpr int STRETCH = 64;
-  int i = 1;
-  while (i + STRETCH - 1 <= n && !any_bits(w, i, i + STRETCH - 1)) i += STRETCH;
-  for (; i <= n; i++)
-    if (w[i] != 0) return i;
-  return n + 1;
-}
-
-// Whether any of ai[1 .. k1] is NaN.
-ROW_LOOP bool row_has_nan(const float *ai, int k1) {
-  int nan = 0;
-  for (int k = 1; k <= k1; k++) nan |= ai[k] != ai[k];
-  return nan != 0;
-}
-
-// Whether any of v[from .. n] is -0.0.
-ROW_LOOP bool has_negative_zero(const float *v, int from, int n) {
-  const float_bits *w = reinterpret_cast<const float_bits *>(v);
-  int found = 0;
-  for (int i = from; i <= n; i++) found |= w[i] == 0x80000000u;
-  return found != 0;
-}
-
-// The first pivot whose steps can change a block of right-hand sides that
-// all start with z-1 entries of +0.0 (rows below z being left out already).
-// A pivot k < z keeps its +0.0 through every step (i, k) until a step
-// exchanges, since its partners i < z hold +0.0 too; while it is +0.0 a plain
-// step fmaf(-m, +0.0, x) returns x (for finite m, and x not -0.0).  So pivots
-// below z matter only from the first one with an exchange (or a NaN) in a row
-// i >= z, or all of them when such an x is -0.0.
-int first_active_pivot(const std::vector<int> &last_unplain, int z, bool negative_zero) {
-  if (negative_zero) return 1;
-  for (int k = 1; k < z; k++)
-    if (last_unplain[k] >= z) return k;
-  return z;
-}
-
-// Between rows x[r0 .. r0+width-1][1..n] and the block s[1..n][0..width-1]:
-// into s when `into_s`, back into x otherwise.
-void transpose_block(float **x, int r0, int width, float *const *s, int n, bool into_s) {
-  if (into_s)
-    transpose_floats(s + 1, 0, x + r0, 1, n, width);
-  else
-    transpose_floats(x + r0, 1, s + 1, 0, width, n);
-}
-
-// Solve the right-hand sides x[r0 .. r0+width-1] side by side: transposed
-// into s (row i holds entry i of each, in lanes 0 .. wl-1, wl a multiple of
-// the vector width), the forward steps replayed panel by panel, back
-// substitution, transposed back.  Rows of the forward part below `skip` are
-// left out (their steps only meet +0.0), and so are, for each right-hand
-// side l, the steps of pivots below start[l] (see first_active_pivot): a
-// panel takes the right-hand sides up to the last one whose steps have
-// begun.  info (or null) tells which panels need no look for exchanges.
-void solve_block(float **a, int n, float **x, int r0, int width, int wl, int skip, const int *start,
-                 const LuSolveInfo *info, float *const *s, float *work) {
-  transpose_block(x, r0, width, s, n, true);
-  for (int i = 1; i <= n; i++)
-    for (int l = width; l < wl; l++) s[i][l] = 0.0f;
-  int kstart = n;
-  for (int l = 0; l < width; l++) kstart = start[l] < kstart ? start[l] : kstart;
-  const int tw = replay_tile_cols();
-  for (int k0 = kstart; k0 <= n - 1; k0 += PANEL) {
-    const int k1 = k0 + PANEL - 1 < n - 1 ? k0 + PANEL - 1 : n - 1;
-    const int ilo = skip > k0 + 1 ? skip : k0 + 1;
-    if (ilo > n) continue;
-    int active = 0;
-    for (int l = 0; l < width; l++)
-      if (start[l] <= k1) active = l + 1;
-    const int ncols = (active + tw - 1) / tw * tw < wl ? (active + tw - 1) / tw * tw : wl;
-    StepReplay p{a, s, 0, ncols, n, k0, k1, ilo, false};
-    if (info) {  // the panel's steps at rows ilo on plain throughout?
-      p.plain = true;
-      for (int k = k0; k <= k1; k++) p.plain = p.plain && info->last_unplain[k] < ilo;
-    }
-    replay_steps(p, work);
-  }
-  back_substitute(a, n, s, wl);
-  transpose_block(x, r0, width, s, n, false);
-}
-
-}  // namespace
-
-namespace {
-
-// lu_solve_info's look at rows lo .. hi alone: lk[k] the last of them whose
-// multiplier in column k is not plain (else 0), and the first of them
-// holding a NaN (else n + 1).
-ROW_LOOP int solve_info_rows(float **a, int n, int lo, int hi, int *lk) {
-  int first_nan = n + 1;
-  for (int i = lo; i <= hi; i++) {
-    const float *ai = a[i];
-    for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
-    if (first_nan > n && row_has_nan(ai, i - 1)) first_nan = i;
-  }
-  return first_nan;
-}
-
-}  // namespace
-
-// a: factors from ludec.  Returns what solvelu_many needs to know of them;
-// one pass over the lower triangle, shared among the threads by rows (each
-// range of rows gives its own last rows and first NaN; the latest and the
-// earliest of them are the same whatever the split).
-LuSolveInfo lu_solve_info(float **a, int n) {
-  LuSolveInfo info{std::vector<int>(n + 1 > 1 ? n + 1 : 1, 0), n + 1};
-  int threads = lu_threads();
-  if ((long long)n * n < 4000000LL) threads = 1;
-  if (threads == 1) {
-    info.first_nan_row = solve_info_rows(a, n, 2, n, info.last_unplain.data());
-    return info;
-  }
-  // Ranges of about equal triangle: row i has i - 1 entries.
-  std::vector<int> first(threads + 1);
-  for (int t = 0; t <= threads; t++) first[t] = 2 + (int)((n - 1) * std::sqrt((double)t / threads));
-  first[threads] = n + 1;
-  std::vector<std::vector<int>> lks(threads, std::vector<int>(n + 1, 0));
-  std::vector<int> nans(threads, n + 1);
-  run_parallel(threads, [&](int t) { nans[t] = solve_info_rows(a, n, first[t], first[t + 1] - 1, lks[t].data()); });
-  for (int t = 0; t < threads; t++) {
-    for (int k = 1; k <= n; k++) info.last_unplain[k] = std::max(info.last_unplain[k], lks[t][k]);
-    info.first_nan_row = std::min(info.first_nan_row, nans[t]);
-  }
-  return info;
-}
-
-// a: factors from ludec.  x[1..nrhs][1..n]: on input one right-hand side per
-// row, on output the solutions, row for row as solvelu gives them.  info:
-// lu_solve_info of these factors, or null to find it out here if needed.
-//
-// The right-hand sides are taken in blocks, transposed so that one step of
-// the elimination is one vector operation across the block.  A block whose
-// right-hand sides all start with z-1 entries of +0.0 skips the forward steps
-// of rows 1 .. z-1: those rows come first in the elimination, so every such
-// step meets two +0.0 entries and leaves them +0.0 (an fmaf of +0.0 by a
-// finite multiplier, or an exchange, cannot make anything else), unless a
-// multiplier there is NaN, which is checked for.
-void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info) {
-  if (n < 1 || nrhs < 1) return;
-  if (nrhs < MANY_MIN_RHS) {
-    for (int r = 1; r <= nrhs; r++) solvelu(a, n, x[r]);
-    return;
-  }
-  const int lanes = replay_lanes();
-  int count = lu_threads();
-  if (count > nrhs) count = nrhs;
-  if ((long long)n * n * nrhs < 4000000LL) count = 1;
-
-  // Leading zeros of each right-hand side, and how far they may be trusted;
-  // then the first pivot whose steps matter, for each.
-  std::vector<int> zeros(nrhs + 1), start(nrhs + 1, 1);
-  int deepest = 1;
-  for (int r = 1; r <= nrhs; r++) {
-    zeros[r] = first_nonzero(x[r], n);
-    if (zeros[r] > deepest) deepest = zeros[r];
-  }
-  LuSolveInfo found;
-  int trusted = n + 1;  // zeros below this row may be skipped
-  if (deepest > 2) {
-    if (!info) found = lu_solve_info(a, n), info = &found;
-    trusted = info->first_nan_row;
-    for (int r = 1; r <= nrhs; r++) {
-      const int z = zeros[r] < trusted ? zeros[r] : trusted;
-      start[r] = first_active_pivot(info->last_unplain, z, has_negative_zero(x[r], z, n));
-    }
-  }
-
-  // Each thread takes consecutive right-hand sides of about equal work (the
-  // forward steps from the first that matters on, and the whole back
-  // substitution), in blocks: wide ones, so that the factors come from
-  // memory once per block and serve every right-hand side in it.
-  std::vector<int> first(count + 1, nrhs + 1);
-  {
-    std::vector<double> upto(nrhs + 1, 0.0);
-    for (int r = 1; r <= nrhs; r++) {
-      const double fwd = (double)(n - start[r] + 1);
-      upto[r] = upto[r - 1] + fwd * fwd + (double)n * n;
-    }
-    first[0] = 1;
-    for (int t = 1, r = 1; t < count; t++) {
-      while (r <= nrhs && upto[r - 1] < upto[nrhs] * t / count) r++;
-      first[t] = r > first[t - 1] ? r : first[t - 1];
-    }
-  }
-
-  auto job = [&](int t) {
-    const int r_lo = first[t], r_hi = first[t + 1] - 1;
-    if (r_hi < r_lo) return;
-    // (A share a little over the usual width stays one block.)
-    constexpr int widest = MANY_BLOCK + MANY_BLOCK / 4;
-    const int nblocks = (r_hi - r_lo + widest) / widest;
-    const int block = ((r_hi - r_lo + 1 + nblocks - 1) / nblocks + lanes - 1) / lanes * lanes;
-    // One vector more between rows: a stride of a power of two would put
-    // the entries of many rows in the same few cache sets.  A matrix of
-    // this program's own kind: large ones get huge pages, which the walks
-    // down its rows need.
-    const int ld = block + lanes;
-    float **s = matrix(1, n, 0, ld - 1);
-    Buffer work(replay_work_floats(PANEL));
-    if (!s || !work.p) {  // no room to work in blocks: one at a time
-      if (s) free_matrix(s, 1, n, 0, ld - 1);
-      for (int r = r_lo; r <= r_hi; r++) solvelu(a, n, x[r]);
-      return;
-    }
-    for (int r0 = r_lo; r0 <= r_hi; r0 += block) {
-      const int width = r_hi - r0 + 1 < block ? r_hi - r0 + 1 : block;
-      int skip = trusted;
-      for (int r = r0; r < r0 + width; r++) skip = zeros[r] < skip ? zeros[r] : skip;
-      solve_block(a, n, x, r0, width, (width + lanes - 1) / lanes * lanes, skip, &start[r0], info, s, work.p);
-    }
-    free_matrix(s, 1, n, 0, ld - 1);
-  };
-  if (count == 1)
-    job(0);
-  else
-    run_parallel(count, job);
 }
 
 // a: factors from ludec.  y[1..n]: on input a vector, on output the vector

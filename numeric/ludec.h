@@ -49,6 +49,10 @@ void solvelu_many(float **a, int n, float **x, int nrhs, const LuSolveInfo *info
 // Threads used by ludec and solvelu_many: 0 (the default) means one per
 // hardware thread.  The results do not depend on the number.
 void set_lu_threads(int count);
+// Factors of at least n_min rows have the solves of few right-hand sides
+// (up to 64) shared among the threads by rows rather than by right-hand
+// sides; 0 restores the default.  For tests: the results do not depend on it.
+void set_lu_shared_solve_order(int n_min);
 // Instruction-set level of the kernels: 0 portable C++, 1 AVX2/FMA, 2
 // AVX-512; a negative or unavailable level means the best the processor has.
 // Returns the level in force.  The results do not depend on it either.

@@ -221,13 +221,38 @@ void replay_marks(const StepReplay &p, ReplayMarks *m) {
   lu_portable::marks(p, m);
 }
 
-void back_substitute(float *const *a, int n, float *const *s, int width) {
-  if (n < 1 || width <= 0) return;
+int back_block_rows() {
 #if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::back(a, n, s, width);
-  if (current_level == 1) return lu_avx2::back(a, n, s, width);
+  if (current_level == 2) return lu_avx512::BACK_KB;
+  if (current_level == 1) return lu_avx2::BACK_KB;
 #endif
-  lu_portable::back(a, n, s, width);
+  return lu_portable::BACK_KB;
+}
+
+size_t back_pack_floats(int width) {
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::back_pack_floats(width);
+  if (current_level == 1) return lu_avx2::back_pack_floats(width);
+#endif
+  return lu_portable::back_pack_floats(width);
+}
+
+void back_solve_block(float *const *a, int r0, int r1, float *const *s, int width, float *pack) {
+  if (r1 < r0 || width <= 0) return;
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::back_solve(a, r0, r1, s, width, lu_avx512::BACK_KB, pack);
+  if (current_level == 1) return lu_avx2::back_solve(a, r0, r1, s, width, lu_avx2::BACK_KB, pack);
+#endif
+  lu_portable::back_solve(a, r0, r1, s, width, lu_portable::BACK_KB, pack);
+}
+
+void back_take_terms(float *const *a, int lo, int hi, int r0, int r1, float *const *s, int width, float *pack) {
+  if (hi < lo || r1 < r0 || width <= 0) return;
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::back_terms_rows(a, lo, hi, r0, r1, s, width, pack);
+  if (current_level == 1) return lu_avx2::back_terms_rows(a, lo, hi, r0, r1, s, width, pack);
+#endif
+  lu_portable::back_terms_rows(a, lo, hi, r0, r1, s, width, pack);
 }
 
 void transpose_floats(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols) {

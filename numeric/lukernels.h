@@ -31,7 +31,10 @@ struct ReplayMarks {
 // (k, i) in mul[i][k] (the factorised matrix), applied to the target columns
 // trow[i][col .. col + ncols - 1] of rows k0 .. n in the order of the
 // factorisation.  Rows below ilo (ilo > k0) are left out: a caller may do so
-// only when their steps would all be no-ops.  `lu_rule` chooses the exchange
+// only when their steps would all be no-ops.  Rows beyond n are left out too:
+// with plain steps (below) the rows after the pivots are independent, so a
+// range of them may be replayed alone, and the pivot rows, which such steps
+// only read, are then left unwritten.  `lu_rule` chooses the exchange
 // test: the factorisation exchanges when !(|m| <= 1), the solves when
 // |m| > 1 (the two differ only for a NaN multiplier).
 struct StepReplay {
@@ -84,13 +87,24 @@ void replay_steps(const StepReplay &p, float *work);
 // left alone.
 void factor_base_columns(float *const *a, int n, int k0, int k1, unsigned char *unplain = nullptr);
 
-// Lanes of one vector at the current level; back_substitute wants widths
-// that are a multiple of it.
+// Lanes of one vector at the current level; the back substitution wants
+// widths that are a multiple of it.
 int replay_lanes();
-// Back substitution with the upper triangle of a[1..n][1..n] for `width`
-// right-hand sides held side by side: s[i][0 .. width-1] is entry i of each.
-// Every lane comes out as the single-vector back substitution leaves it.
-void back_substitute(float *const *a, int n, float *const *s, int width);
+
+// The back substitution in two steps that threads can share: unknowns
+// solved a block of back_block_rows() at a time from the bottom, each block's
+// solutions then taken from the sums of all rows above it.
+int back_block_rows();
+// Floats of pack that the two steps need for `width` right-hand sides.
+size_t back_pack_floats(int width);
+// Rows r0 .. r1 (at most back_block_rows()), their sums s[i][0 .. width-1]
+// holding the terms of every unknown beyond r1: on output the unknowns, and
+// pack holds them as back_take_terms wants them.
+void back_solve_block(float *const *a, int r0, int r1, float *const *s, int width, float *pack);
+// Rows lo .. hi (hi < r0) take the terms of the unknowns r1 down to r0 from
+// their sums, pack as back_solve_block left it (read only).  Rows do not
+// depend on each other, so disjoint ranges may go to different threads.
+void back_take_terms(float *const *a, int lo, int hi, int r0, int r1, float *const *s, int width, float *pack);
 
 // dst[i][dcol + l] = src[l][scol + i] for i < rows, l < cols: the rows of
 // src become the columns of dst, bit for bit.

@@ -70,17 +70,24 @@ void each_setting(F f) {
 }
 
 // solvelu_many on every row of rhs in every setting against solvelu_plain,
-// finding out about the factors itself and told about them beforehand.
+// finding out about the factors itself and told about them beforehand, the
+// threads taking right-hand sides of their own or (few of them on factors
+// of any order) sharing the rows.
 void check_many(const M &f, const M &rhs, const std::string &what) {
   M want(rhs);
   for (int r = 1; r <= rhs.rows; r++) solvelu_plain(f, f.rows, want[r]);
   const LuSolveInfo info = lu_solve_info(f, f.rows);
   each_setting([&](const std::string &where) {
-    M x(rhs), y(rhs);
-    solvelu_many(f, f.rows, x, x.rows);
-    solvelu_many(f, f.rows, y, y.rows, &info);
-    ASSERT_EQ(compare(x, want), "") << what << where;
-    ASSERT_EQ(compare(y, want), "") << what << where << " (told)";
+    for (int shared_from : {0, 1}) {
+      set_lu_shared_solve_order(shared_from);
+      M x(rhs), y(rhs);
+      solvelu_many(f, f.rows, x, x.rows);
+      solvelu_many(f, f.rows, y, y.rows, &info);
+      set_lu_shared_solve_order(0);
+      const std::string how = where + (shared_from ? " rows shared" : "");
+      ASSERT_EQ(compare(x, want), "") << what << how;
+      ASSERT_EQ(compare(y, want), "") << what << how << " (told)";
+    }
   });
 }
 
