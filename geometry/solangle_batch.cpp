@@ -16,6 +16,7 @@ namespace batch_portable {
 using V = LanesScalar;
 #include "numeric/elementary_body.inc"
 #include "geometry/solangle_body.inc"
+namespace piece = batch_portable;
 #include "geometry/solangle_batch_body.inc"
 }  // namespace batch_portable
 
@@ -53,6 +54,13 @@ namespace batch_avx2 {
 using V = LanesAvx2x2;
 #include "numeric/elementary_body.inc"
 #include "geometry/solangle_body.inc"
+// The triple products go a vector of four at a time: as pairs of vectors
+// they would need more registers than there are.
+namespace piece {
+using V = LanesAvx2;
+#include "numeric/elementary_body.inc"
+#include "geometry/solangle_body.inc"
+}  // namespace piece
 #include "geometry/solangle_batch_body.inc"
 }  // namespace batch_avx2
 DOUBLE_LANES_AVX2_END
@@ -62,6 +70,7 @@ namespace batch_avx512 {
 using V = LanesAvx512;
 #include "numeric/elementary_body.inc"
 #include "geometry/solangle_body.inc"
+namespace piece = batch_avx512;
 #include "geometry/solangle_batch_body.inc"
 }  // namespace batch_avx512
 DOUBLE_LANES_AVX512_END
