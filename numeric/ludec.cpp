@@ -55,15 +55,16 @@ constexpr int BASE_WIDTH = 16;
 
 
 // Replay the steps of pivots k0 .. k1 on columns c0 .. c1 of a (nothing when
-// c1 < c0), with work space `work`; the multipliers are read from mul (a
-// itself, or a copy of them), and unplain and marks describe them (or are
-// null).
-void replay_columns(float **a, int n, int k0, int k1, int c0, int c1, float *work, float *const *mul = nullptr,
+// c1 < c0), with work space `work`; the multipliers are read from a, or for
+// the rows after k1 from packed (replay_pack) when given, and unplain and
+// marks describe them (or are null).
+void replay_columns(float **a, int n, int k0, int k1, int c0, int c1, float *work, const float *packed = nullptr,
                     const unsigned char *unplain = nullptr, const ReplayMarks *marks = nullptr) {
   if (c1 < c0 || k1 < k0) return;
-  StepReplay p{mul ? mul : a, a, c0, c1 - c0 + 1, n, k0, k1, k0 + 1, true};
+  StepReplay p{a, a, c0, c1 - c0 + 1, n, k0, k1, k0 + 1, true};
   p.unplain = unplain;
   p.marks = marks;
+  p.packed = packed;
   replay_steps(p, work);
 }
 
@@ -96,31 +97,28 @@ void factor_panel(float **a, int n, int k0, int k1, float *work, unsigned char *
 constexpr int HALVINGS = 8;
 static_assert((PANEL >> (HALVINGS - 1)) <= BASE_WIDTH, "enough levels for a whole panel");
 
-// One panel (pivots k0 .. k1): its factorisation, and its multipliers,
-// rows k0+1 .. n, copied side by side: every chunk of columns reads them
+// One panel (pivots k0 .. k1): its factorisation, and the multipliers of
+// the rows after it packed (replay_pack): every chunk of columns reads them
 // all, and in place they lie a whole matrix row apart, each on a page of its
-// own.  rows[i] indexes like a[i] (rows[i][k] for k0 <= k <= k1); unplain as
-// factor_panel finds it; marks where the replay of the panel's steps may
-// exchange.
+// own.  unplain as factor_panel finds it; marks where the replay of the
+// panel's steps may exchange.  The level of the kernels must not change
+// while one is in use.
 struct PanelMultipliers {
-  Buffer buf;
-  std::vector<float *> rows;
+  Buffer packed;
   std::vector<unsigned char> unplain;
   std::vector<unsigned char> halves[HALVINGS];
   ReplayMarks marks;
   int n;
-  PanelMultipliers(int n_) : buf((size_t)n_ * PANEL), rows((size_t)n_ + 1), unplain((size_t)n_ + 1), n(n_) {
+  PanelMultipliers(int n_) : packed(replay_packed_floats(n_, PANEL)), unplain((size_t)n_ + 1), n(n_) {
     for (auto &h : halves) h.resize((size_t)n_ + 1);
   }
 
   // The panel's columns must have taken the steps of every earlier pivot.
   void factor_and_take(float **a, int k0, int k1, float *work) {
-    const int w = k1 - k0 + 1;
     memset(unplain.data() + k0 + 1, 0, (size_t)(n - k0));
     if (k0 <= n - 1) factor_panel(a, n, k0, k1, work, unplain.data(), halves);
-    for (int i = 1; i <= n; i++) rows[i] = i > k0 ? buf.p + (size_t)(i - k0 - 1) * PANEL - k0 : a[i];
-    for (int i = k0 + 1; i <= n; i++) memcpy(rows[i] + k0, a[i] + k0, (size_t)w * sizeof(float));
-    StepReplay p{rows.data(), a, 0, 0, n, k0, k1, k0 + 1, true};
+    replay_pack(a, k1 + 1, n, k0, k1, packed.p);
+    StepReplay p{a, a, 0, 0, n, k0, k1, k0 + 1, true};
     p.unplain = unplain.data();
     replay_marks(p, &marks);
   }
@@ -165,7 +163,7 @@ bool factor_blocked(float **a, int n, bool shown) {
 
   // The multipliers of the panel being replayed, and of the next one.
   PanelMultipliers *cur = new (std::nothrow) PanelMultipliers(n), *next = new (std::nothrow) PanelMultipliers(n);
-  if (!cur || !next || !cur->buf.p || !next->buf.p) {
+  if (!cur || !next || !cur->packed.p || !next->packed.p) {
     delete cur, delete next;
     for (Buffer *b : owned) delete b;
     return false;
@@ -198,7 +196,7 @@ bool factor_blocked(float **a, int n, bool shown) {
         size = size < min_chunk ? min_chunk : (size + tw - 1) / tw * tw;
         c1 = c0 + size - 1 < n ? c0 + size - 1 : n;
         if (next_col.compare_exchange_weak(c0, c1 + 1)) {
-          replay_columns(a, n, p0, p1, c0, c1, works[t], cur->rows.data(), cur->unplain.data(), &cur->marks);
+          replay_columns(a, n, p0, p1, c0, c1, works[t], cur->packed.p, cur->unplain.data(), &cur->marks);
           c0 = next_col.load();
         }
       }
@@ -206,14 +204,14 @@ bool factor_blocked(float **a, int n, bool shown) {
     auto lead = [&](int t) {
       if (t != 0) return worker(t);
       if (q0 <= n) {
-        replay_columns(a, n, p0, p1, q0, q1, works[0], cur->rows.data(), cur->unplain.data(), &cur->marks);
+        replay_columns(a, n, p0, p1, q0, q1, works[0], cur->packed.p, cur->unplain.data(), &cur->marks);
         next->factor_and_take(a, q0, q1, works[0]);
       }
       worker(0);
     };
     int count = threads < nchunks + 1 ? threads : nchunks + 1;
     if (count <= 1) {  // alone: all columns in one sweep, then the next panel
-      replay_columns(a, n, p0, p1, q0, n, works[0], cur->rows.data(), cur->unplain.data(), &cur->marks);
+      replay_columns(a, n, p0, p1, q0, n, works[0], cur->packed.p, cur->unplain.data(), &cur->marks);
       if (q0 <= n) next->factor_and_take(a, q0, q1, works[0]);
     } else {
       run_parallel(count, lead);

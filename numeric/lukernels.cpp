@@ -195,6 +195,23 @@ size_t replay_work_floats(int npiv) {
   return lu_portable::work_floats(npiv);
 }
 
+size_t replay_packed_floats(int nrows, int npiv) {
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::packed_floats(nrows, npiv);
+  if (current_level == 1) return lu_avx2::packed_floats(nrows, npiv);
+#endif
+  return lu_portable::packed_floats(nrows, npiv);
+}
+
+void replay_pack(float *const *mul, int lo, int hi, int k0, int k1, float *packed) {
+  if (hi < lo || k1 < k0) return;
+#if LU_X86_KERNELS
+  if (current_level == 2) return lu_avx512::pack(mul, lo, hi, k0, k1, packed);
+  if (current_level == 1) return lu_avx2::pack(mul, lo, hi, k0, k1, packed);
+#endif
+  lu_portable::pack(mul, lo, hi, k0, k1, packed);
+}
+
 void factor_base_columns(float *const *a, int n, int k0, int k1, unsigned char *unplain) {
   if (k1 < k0) return;
 #if LU_X86_KERNELS

@@ -57,7 +57,19 @@ struct StepReplay {
   // hints above), when the same steps go to many column ranges: then they
   // are not looked for again.
   const ReplayMarks *marks = nullptr;
+  // Optional: the multipliers of the rows after the pivots (from ilo or
+  // k1 + 1, whichever is later, to n) as replay_pack lays them out, read
+  // there instead of mul: when the same steps go to many column ranges,
+  // one stream of them serves a group of rows.
+  const float *packed = nullptr;
 };
+
+// Floats that replay_pack needs for nrows rows of npiv pivots.
+size_t replay_packed_floats(int nrows, int npiv);
+// packed: on output the multipliers mul[i][k0 .. k1] of rows lo .. hi laid
+// out as StepReplay::packed has them for a replay whose later rows start
+// at lo.
+void replay_pack(float *const *mul, int lo, int hi, int k0, int k1, float *packed);
 
 // m: on output the marks of replay p (its columns play no part).
 void replay_marks(const StepReplay &p, ReplayMarks *m);
