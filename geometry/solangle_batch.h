@@ -49,7 +49,8 @@ class NearPairs {
 };
 
 // s: the surface; x[0 .. npoints-1]: the points (npoints at most
-// angle_sums_points()); minangle: the far-triangle threshold of solangle;
+// angle_sums_points()), with coordinates that single precision holds
+// exactly, as the surfaces' own are (the kernels rely on it); minangle: the far-triangle threshold of solangle;
 // scale: the factor of every weight; near: treats the other pairs.
 // len, acc: work space of ANGLE_SUMS_MAX_POINTS * s.npnt entries each.
 // out: on output out[p][v] holds, for every point p not given up, the sum
