@@ -171,105 +171,46 @@ int lu_set_simd_level(int level) {
   return current_level;
 }
 
-int replay_tile_cols() {
+// The same call at the level in force.
 #if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::TW;
-  if (current_level == 1) return lu_avx2::TW;
+#define AT_LEVEL(call) \
+  (current_level == 2 ? lu_avx512::call : current_level == 1 ? lu_avx2::call : lu_portable::call)
+#else
+#define AT_LEVEL(call) (lu_portable::call)
 #endif
-  return lu_portable::TW;
-}
 
-int replay_lanes() {
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::V::W;
-  if (current_level == 1) return lu_avx2::V::W;
-#endif
-  return lu_portable::V::W;
-}
+int replay_tile_cols() { return AT_LEVEL(TW); }
 
-size_t replay_work_floats(int npiv) {
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::work_floats(npiv);
-  if (current_level == 1) return lu_avx2::work_floats(npiv);
-#endif
-  return lu_portable::work_floats(npiv);
-}
+int replay_lanes() { return AT_LEVEL(V::W); }
 
-size_t replay_packed_floats(int nrows, int npiv) {
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::packed_floats(nrows, npiv);
-  if (current_level == 1) return lu_avx2::packed_floats(nrows, npiv);
-#endif
-  return lu_portable::packed_floats(nrows, npiv);
-}
+size_t replay_work_floats(int npiv) { return AT_LEVEL(work_floats(npiv)); }
+
+size_t replay_packed_floats(int nrows, int npiv) { return AT_LEVEL(packed_floats(nrows, npiv)); }
 
 void replay_pack(float *const *mul, int lo, int hi, int k0, int k1, float *packed) {
-  if (hi < lo || k1 < k0) return;
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::pack(mul, lo, hi, k0, k1, packed);
-  if (current_level == 1) return lu_avx2::pack(mul, lo, hi, k0, k1, packed);
-#endif
-  lu_portable::pack(mul, lo, hi, k0, k1, packed);
+  if (hi >= lo && k1 >= k0) AT_LEVEL(pack(mul, lo, hi, k0, k1, packed));
 }
 
 void factor_base_columns(float *const *a, int n, int k0, int k1, unsigned char *unplain) {
-  if (k1 < k0) return;
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::factor_base(a, n, k0, k1, unplain);
-  if (current_level == 1) return lu_avx2::factor_base(a, n, k0, k1, unplain);
-#endif
-  lu_portable::factor_base(a, n, k0, k1, unplain);
+  if (k1 >= k0) AT_LEVEL(factor_base(a, n, k0, k1, unplain));
 }
 
 void replay_steps(const StepReplay &p, float *work) {
-  if (p.k1 < p.k0 || p.ncols <= 0) return;
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::replay(p, work);
-  if (current_level == 1) return lu_avx2::replay(p, work);
-#endif
-  lu_portable::replay(p, work);
+  if (p.k1 >= p.k0 && p.ncols > 0) AT_LEVEL(replay(p, work));
 }
 
-void replay_marks(const StepReplay &p, ReplayMarks *m) {
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::marks(p, m);
-  if (current_level == 1) return lu_avx2::marks(p, m);
-#endif
-  lu_portable::marks(p, m);
-}
+void replay_marks(const StepReplay &p, ReplayMarks *m) { AT_LEVEL(marks(p, m)); }
 
-int back_block_rows() {
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::BACK_KB;
-  if (current_level == 1) return lu_avx2::BACK_KB;
-#endif
-  return lu_portable::BACK_KB;
-}
+int back_block_rows() { return AT_LEVEL(BACK_KB); }
 
-size_t back_pack_floats(int width) {
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::back_pack_floats(width);
-  if (current_level == 1) return lu_avx2::back_pack_floats(width);
-#endif
-  return lu_portable::back_pack_floats(width);
-}
+size_t back_pack_floats(int width) { return AT_LEVEL(back_pack_floats(width)); }
 
 void back_solve_block(float *const *a, int r0, int r1, float *const *s, int width, float *pack) {
-  if (r1 < r0 || width <= 0) return;
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::back_solve(a, r0, r1, s, width, lu_avx512::BACK_KB, pack);
-  if (current_level == 1) return lu_avx2::back_solve(a, r0, r1, s, width, lu_avx2::BACK_KB, pack);
-#endif
-  lu_portable::back_solve(a, r0, r1, s, width, lu_portable::BACK_KB, pack);
+  if (r1 >= r0 && width > 0) AT_LEVEL(back_solve_block(a, r0, r1, s, width, pack));
 }
 
 void back_take_terms(float *const *a, int lo, int hi, int r0, int r1, float *const *s, int width, float *pack) {
-  if (hi < lo || r1 < r0 || width <= 0) return;
-#if LU_X86_KERNELS
-  if (current_level == 2) return lu_avx512::back_terms_rows(a, lo, hi, r0, r1, s, width, pack);
-  if (current_level == 1) return lu_avx2::back_terms_rows(a, lo, hi, r0, r1, s, width, pack);
-#endif
-  lu_portable::back_terms_rows(a, lo, hi, r0, r1, s, width, pack);
+  if (hi >= lo && r1 >= r0 && width > 0) AT_LEVEL(back_terms_rows(a, lo, hi, r0, r1, s, width, pack));
 }
 
 void transpose_floats(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols) {
