@@ -338,6 +338,30 @@ ROW_LOOP bool plain_transposed_steps(const float *__restrict m, float *__restric
   return true;
 }
 
+// plain_transposed_steps of rows i, i-1 .. i-G+1 on the stretch y[k ..
+// k+15], each entry meeting the rows in that order with yi[q] the running
+// value of row i-q; false, with y untouched, when some multiplier there
+// would exchange.
+template <int G>
+ROW_LOOP bool plain_transposed_steps_of(float *const *a, int i, int k, float *__restrict y, const float *yi) {
+  const float *__restrict m[G];
+  float yq[G];
+  int exchanges = 0;
+#pragma GCC unroll 8
+  for (int q = 0; q < G; q++) {
+    m[q] = a[i - q] + k, yq[q] = yi[q];
+    for (int j = 0; j < 16; j++) exchanges += fabsf(m[q][j]) > 1.0f;
+  }
+  if (exchanges) return false;
+  for (int j = 0; j < 16; j++) {
+    float v = y[k + j];
+#pragma GCC unroll 8
+    for (int q = 0; q < G; q++) v = fmaf(-m[q][j], yq[q], v);
+    y[k + j] = v;
+  }
+  return true;
+}
+
 // forward_steps for G rows: each pivot meets the G rows in turn, G
 // independent chains of operations.
 template <int G>
@@ -375,15 +399,47 @@ void back_terms_of(float *const *a, int i, int hi, int lo, const float *b, float
 
 }  // namespace
 
-ROW_LOOP void add_scaled_row(double *__restrict sum, const float *__restrict row, double y, int lo, int hi) {
-  for (int k = lo; k <= hi; k++) sum[k] += y * (double)row[k];
+namespace {
+
+// add_scaled_rows for G rows read side by side: each sum takes its G terms
+// in row order, so the G rows stream from memory together.
+template <int G>
+ROW_LOOP void add_scaled_rows_of(double *__restrict sum, float *const *a, int j, const float *y, int lo, int hi) {
+  const float *__restrict r[G];
+  double yq[G];
+#pragma GCC unroll 8
+  for (int q = 0; q < G; q++) r[q] = a[j + q], yq[q] = y[j + q];
+  for (int k = lo; k <= hi; k++) {
+    double s = sum[k];
+#pragma GCC unroll 8
+    for (int q = 0; q < G; q++) s += yq[q] * (double)r[q][k];
+    sum[k] = s;
+  }
+}
+
+}  // namespace
+
+void add_scaled_rows(double *sum, float *const *a, int j, int rows, const float *y, int lo, int hi) {
+  if (rows == STEP_GROUP)
+    add_scaled_rows_of<STEP_GROUP>(sum, a, j, y, lo, hi);
+  else
+    for (int q = 0; q < rows; q++) add_scaled_rows_of<1>(sum, a, j + q, y, lo, hi);
+}
+
+void estimate_rows(float *const *a, int j, int rows, float *y, double *sum) {
+  for (int q = 0; q < rows; q++) {
+    y[j + q] = growing_entry(sum[j + q], a[j + q][j + q]);
+    for (int k = j + q + 1; k < j + rows; k++) sum[k] += (double)y[j + q] * (double)a[j + q][k];
+  }
 }
 
 void estimate_start(float **a, int n, float *y, double *sum) {
   for (int k = 1; k <= n; k++) sum[k] = 0.0;
-  for (int j = 1; j <= n; j++) {
-    y[j] = growing_entry(sum[j], a[j][j]);
-    add_scaled_row(sum, a[j], y[j], j + 1, n);
+  for (int j = 1; j <= n;) {
+    const int rows = j + STEP_GROUP - 1 <= n ? STEP_GROUP : 1;
+    estimate_rows(a, j, rows, y, sum);
+    add_scaled_rows(sum, a, j, rows, y, j + rows, n);
+    j += rows;
   }
 }
 
@@ -400,6 +456,27 @@ float transposed_steps(const float *ri, float *y, float yi, int hi, int lo) {
   }
   for (; k >= lo; k--) transposed_step(ri[k], yi, y[k]);
   return yi;
+}
+
+void transposed_steps_rows(float *const *a, int i, int rows, float *yi, float *y, int hi, int lo) {
+  if (rows != STEP_GROUP) {
+    for (int q = 0; q < rows; q++) yi[q] = transposed_steps(a[i - q], y, yi[q], hi, lo);
+    return;
+  }
+  // The rows read side by side, a stretch of 16 entries at a time; a
+  // stretch where some row may exchange goes row after row.
+  constexpr int C = 16;
+  int k = hi;
+  for (; k - C + 1 >= lo; k -= C)
+    if (!plain_transposed_steps_of<STEP_GROUP>(a, i, k - C + 1, y, yi))
+      for (int q = 0; q < rows; q++) yi[q] = transposed_steps(a[i - q], y, yi[q], k, k - C + 1);
+  if (k >= lo)
+    for (int q = 0; q < rows; q++) yi[q] = transposed_steps(a[i - q], y, yi[q], k, lo);
+}
+
+void transposed_steps_within(float *const *a, int i, int rows, float *yi) {
+  for (int q = 0; q < rows; q++)
+    for (int p = q + 1; p < rows; p++) transposed_step(a[i - q][i - p], yi[q], yi[p]);
 }
 
 void forward_steps(float *const *a, int i, int rows, int lo, int hi, float *b, float *x) {
@@ -481,8 +558,19 @@ void solvelu(float **a, int n, float *b) {
 // after them (x-1, x) .. (1, x); taking i = n .. 2 outside and k = i-1 .. 1
 // inside gives every entry exactly that sequence while reading a along its
 // rows.
+//
+// Eight rows go together: first the steps among them, then each entry
+// below them meets the eight in turn.
 void tsolvel(float **a, int n, float *y) {
-  for (int i = n; i >= 2; i--) y[i] = transposed_steps(a[i], y, y[i], i - 1, 1);
+  for (int i = n; i >= 2;) {
+    const int rows = i - STEP_GROUP + 1 >= 2 ? STEP_GROUP : 1;
+    float yi[STEP_GROUP];
+    for (int q = 0; q < rows; q++) yi[q] = y[i - q];
+    transposed_steps_within(a, i, rows, yi);
+    transposed_steps_rows(a, i, rows, yi, y, i - rows, 1);
+    for (int q = 0; q < rows; q++) y[i - q] = yi[q];
+    i -= rows;
+  }
 }
 
 namespace {

@@ -56,53 +56,69 @@ int cut(int n, double share) { return std::clamp((int)(share * n), 1, n - 1); }
 // the second adds those rows to the columns beyond K as their entries come,
 // then goes on alone.
 void estimate_start_split(float **a, int n, float *y, double *sum) {
-  if (n < 2) return estimate_start(a, n, y, sum);
-  const int K = cut(n, 0.68);
+  // K a multiple of the row groups, so that none straddles it.
+  const int K = cut(n, 0.68) / STEP_GROUP * STEP_GROUP;
+  if (K < STEP_GROUP || K >= n) return estimate_start(a, n, y, sum);
   for (int k = 1; k <= n; k++) sum[k] = 0.0;
   Handoff rows;
   two_stages(
       [&] {
-        for (int j = 1; j <= K; j++) {
-          y[j] = growing_entry(sum[j], a[j][j]);
-          add_scaled_row(sum, a[j], y[j], j + 1, K);
-          rows.publish(j);
+        for (int j = 1; j <= K; j += STEP_GROUP) {
+          estimate_rows(a, j, STEP_GROUP, y, sum);
+          add_scaled_rows(sum, a, j, STEP_GROUP, y, j + STEP_GROUP, K);
+          rows.publish(j + STEP_GROUP - 1);
         }
       },
       [&] {
-        for (int j = 1; j <= K; j++) {
-          rows.wait_for(j);
-          add_scaled_row(sum, a[j], y[j], K + 1, n);
+        for (int j = 1; j <= K; j += STEP_GROUP) {
+          rows.wait_for(j + STEP_GROUP - 1);
+          add_scaled_rows(sum, a, j, STEP_GROUP, y, K + 1, n);
         }
-        for (int j = K + 1; j <= n; j++) {
-          y[j] = growing_entry(sum[j], a[j][j]);
-          add_scaled_row(sum, a[j], y[j], j + 1, n);
+        for (int j = K + 1; j <= n;) {
+          const int g = j + STEP_GROUP - 1 <= n ? STEP_GROUP : 1;
+          estimate_rows(a, j, g, y, sum);
+          add_scaled_rows(sum, a, j, g, y, j + g, n);
+          j += g;
         }
       });
 }
 
-// Rows n .. K+1 first take their steps on the entries beyond K (first
-// stage), then those up to K (second stage), which also has rows K .. 2.
+// The groups of rows as tsolvel forms them, from the bottom; rows n ..
+// K+1 first take their steps on the entries beyond K (first stage), then
+// those up to K (second stage), which also has rows K .. 2.  n - K is a
+// multiple of the group size, so no group straddles K.
 void tsolvel_split(float **a, int n, float *y) {
-  if (n < 2) return;
-  const int K = cut(n, 0.32);
+  const int K = n - (n - cut(n, 0.32)) / STEP_GROUP * STEP_GROUP;
+  if (n < 2 || K < 1 || K >= n) return tsolvel(a, n, y);
   std::vector<float> mid(n + 1);
   Handoff rows;
   two_stages(
       [&] {
-        for (int i = n; i > K; i--) {
-          mid[i] = transposed_steps(a[i], y, y[i], i - 1, K + 1);
-          rows.publish(n - i + 1);
+        for (int i = n; i > K; i -= STEP_GROUP) {
+          float yi[STEP_GROUP];
+          for (int q = 0; q < STEP_GROUP; q++) yi[q] = y[i - q];
+          transposed_steps_within(a, i, STEP_GROUP, yi);
+          transposed_steps_rows(a, i, STEP_GROUP, yi, y, i - STEP_GROUP, K + 1);
+          for (int q = 0; q < STEP_GROUP; q++) mid[i - q] = yi[q];
+          rows.publish(n - (i - STEP_GROUP + 1) + 1);
         }
       },
       [&] {
-        for (int i = n; i >= 2; i--) {
-          // (Beyond K, y[i] may still be changing in the first stage.)
-          float yi;
-          if (i > K)
-            rows.wait_for(n - i + 1), yi = mid[i];
-          else
-            yi = y[i];
-          y[i] = transposed_steps(a[i], y, yi, std::min(i - 1, K), 1);
+        for (int i = n; i >= 2;) {
+          const int g = i - STEP_GROUP + 1 >= 2 ? STEP_GROUP : 1;
+          float yi[STEP_GROUP];
+          if (i > K) {
+            // (Beyond K, y may still be changing in the first stage.)
+            rows.wait_for(n - (i - g + 1) + 1);
+            for (int q = 0; q < g; q++) yi[q] = mid[i - q];
+            transposed_steps_rows(a, i, g, yi, y, K, 1);
+          } else {
+            for (int q = 0; q < g; q++) yi[q] = y[i - q];
+            transposed_steps_within(a, i, g, yi);
+            transposed_steps_rows(a, i, g, yi, y, i - g, 1);
+          }
+          for (int q = 0; q < g; q++) y[i - q] = yi[q];
+          i -= g;
         }
       });
 }

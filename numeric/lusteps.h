@@ -13,6 +13,12 @@ constexpr int STEP_GROUP = 8;
 // transposed steps of row i for pivots k = hi down to lo, on y[k] and yi.
 // Returns yi after them.
 float transposed_steps(const float *ri, float *y, float yi, int hi, int lo);
+// The same for rows i, i-1 .. i-rows+1 (rows 1 or STEP_GROUP), yi[0 ..
+// rows-1] their running entries: each entry y[k], k = hi down to lo (all
+// below the rows), meets the rows in that order.
+void transposed_steps_rows(float *const *a, int i, int rows, float *yi, float *y, int hi, int lo);
+// The steps among those rows themselves, on their running entries.
+void transposed_steps_within(float *const *a, int i, int rows, float *yi);
 
 // Rows i .. i+rows-1 of the factors (rows 1 or STEP_GROUP), x[0 .. rows-1]
 // their running entries, b the pivots' entries.  Every pivot k = lo .. hi
@@ -37,8 +43,14 @@ void back_within(float *const *a, int i, int rows, float *b, float *s);
 // to all later sums as soon as y[k] is known, so U is read along its rows.
 void estimate_start(float **a, int n, float *y, double *sum);
 
-// sum[lo .. hi] += y * row[lo .. hi], in double (each product is exact).
-void add_scaled_row(double *sum, const float *row, double y, int lo, int hi);
+// Rows j .. j+rows-1 of U (rows 1 or STEP_GROUP), whose terms every sum
+// from j on already holds for the rows before j: their entries y[j ..
+// j+rows-1], each row's terms added to the sums of the later rows among
+// them as soon as its entry is known.
+void estimate_rows(float *const *a, int j, int rows, float *y, double *sum);
+// sum[lo .. hi] += y[j+q] * row j+q [lo .. hi] for q = 0 .. rows-1 in that
+// order, in double (each product is exact); the rows are read side by side.
+void add_scaled_rows(double *sum, float *const *a, int j, int rows, const float *y, int lo, int hi);
 // The estimate's first entry from its running sum and the diagonal of U:
 // the sign chosen that makes it grow.
 inline float growing_entry(double sum, float diagonal) {
