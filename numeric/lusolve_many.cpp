@@ -245,12 +245,38 @@ namespace {
 // lu_solve_info's look at rows lo .. hi alone: lk[k] the last of them whose
 // multiplier in column k is not plain (else 0), and the first of them
 // holding a NaN (else n + 1).
-ROW_LOOP int solve_info_rows(float **a, int n, int lo, int hi, int *lk) {
+// lk[k] = i where ai[k] is other than plain, k = lo .. hi.
+ROW_LOOP void mark_unplain(const float *__restrict ai, int i, int lo, int hi, int *__restrict lk) {
+  for (int k = lo; k <= hi; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
+}
+
+// mark_unplain of rows i .. i+3 on their common columns 1 .. i-1, in row
+// order: four rows stream from memory side by side.
+ROW_LOOP void mark_unplain4(float *const *a, int i, int *__restrict lk) {
+  const float *__restrict r0 = a[i], *__restrict r1 = a[i + 1], *__restrict r2 = a[i + 2], *__restrict r3 = a[i + 3];
+  for (int k = 1; k < i; k++) {
+    int v = lk[k];
+    v = !(fabsf(r0[k]) <= 1.0f) ? i : v;
+    v = !(fabsf(r1[k]) <= 1.0f) ? i + 1 : v;
+    v = !(fabsf(r2[k]) <= 1.0f) ? i + 2 : v;
+    v = !(fabsf(r3[k]) <= 1.0f) ? i + 3 : v;
+    lk[k] = v;
+  }
+}
+
+int solve_info_rows(float **a, int n, int lo, int hi, int *lk) {
   int first_nan = n + 1;
-  for (int i = lo; i <= hi; i++) {
-    const float *ai = a[i];
-    for (int k = 1; k < i; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
-    if (first_nan > n && row_has_nan(ai, i - 1)) first_nan = i;
+  for (int i = lo; i <= hi;) {
+    const int rows = i + 3 <= hi ? 4 : 1;
+    if (rows == 4) {
+      mark_unplain4(a, i, lk);
+      for (int q = 1; q < 4; q++) mark_unplain(a[i + q], i + q, i, i + q - 1, lk);
+    } else {
+      mark_unplain(a[i], i, 1, i - 1, lk);
+    }
+    for (int q = 0; q < rows && first_nan > n; q++)
+      if (row_has_nan(a[i + q], i + q - 1)) first_nan = i + q;
+    i += rows;
   }
   return first_nan;
 }
