@@ -480,8 +480,16 @@ void transposed_steps_within(float *const *a, int i, int rows, float *yi) {
 }
 
 void forward_steps(float *const *a, int i, int rows, int lo, int hi, float *b, float *x) {
+  static_assert(STEP_GROUP == 8, "the vector kernels take eight rows");
   if (rows == STEP_GROUP)
-    forward_steps_of<STEP_GROUP>(a, i, lo, hi, b, x);
+    // Stretches without an exchange go to the vector kernel; one that has
+    // one goes step by step.
+    for (int k = lo; k <= hi;) {
+      k = forward_plain_stretches(a, i, k, hi, b, x);
+      const int stop = std::min(k + 7, hi);
+      if (k <= hi) forward_steps_of<STEP_GROUP>(a, i, k, stop, b, x);
+      k = stop + 1;
+    }
   else
     for (int q = 0; q < rows; q++) forward_steps_of<1>(a, i + q, lo, hi, b, x + q);
 }

@@ -80,27 +80,30 @@ struct V {
     return _mm256_blendv_ps(b, a, _mm256_castsi256_ps(in));
   }
 };
-// Eight rows of eight floats, src[j] + c .. + 7, become the eight columns
-// of dst[j] + d .. + 7: moves only, every bit kept.
-inline void transpose8(float *const *dst, int d, const float *const *src, int c) {
-  __m256 r0 = _mm256_loadu_ps(src[0] + c), r1 = _mm256_loadu_ps(src[1] + c), r2 = _mm256_loadu_ps(src[2] + c),
-         r3 = _mm256_loadu_ps(src[3] + c), r4 = _mm256_loadu_ps(src[4] + c), r5 = _mm256_loadu_ps(src[5] + c),
-         r6 = _mm256_loadu_ps(src[6] + c), r7 = _mm256_loadu_ps(src[7] + c);
-  __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1), t2 = _mm256_unpacklo_ps(r2, r3),
-         t3 = _mm256_unpackhi_ps(r2, r3), t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5),
-         t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
+// The eight rows r[0 .. 7] of eight floats become the eight columns c[0 ..
+// 7]: moves only, every bit kept.
+inline void transpose8_registers(const __m256 (&r)[8], __m256 (&c)[8]) {
+  __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]),
+         t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]),
+         t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]),
+         t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
   __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE),
          u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE),
          u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE),
          u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-  _mm256_storeu_ps(dst[0] + d, _mm256_permute2f128_ps(u0, u4, 0x20));
-  _mm256_storeu_ps(dst[1] + d, _mm256_permute2f128_ps(u1, u5, 0x20));
-  _mm256_storeu_ps(dst[2] + d, _mm256_permute2f128_ps(u2, u6, 0x20));
-  _mm256_storeu_ps(dst[3] + d, _mm256_permute2f128_ps(u3, u7, 0x20));
-  _mm256_storeu_ps(dst[4] + d, _mm256_permute2f128_ps(u0, u4, 0x31));
-  _mm256_storeu_ps(dst[5] + d, _mm256_permute2f128_ps(u1, u5, 0x31));
-  _mm256_storeu_ps(dst[6] + d, _mm256_permute2f128_ps(u2, u6, 0x31));
-  _mm256_storeu_ps(dst[7] + d, _mm256_permute2f128_ps(u3, u7, 0x31));
+  c[0] = _mm256_permute2f128_ps(u0, u4, 0x20), c[1] = _mm256_permute2f128_ps(u1, u5, 0x20);
+  c[2] = _mm256_permute2f128_ps(u2, u6, 0x20), c[3] = _mm256_permute2f128_ps(u3, u7, 0x20);
+  c[4] = _mm256_permute2f128_ps(u0, u4, 0x31), c[5] = _mm256_permute2f128_ps(u1, u5, 0x31);
+  c[6] = _mm256_permute2f128_ps(u2, u6, 0x31), c[7] = _mm256_permute2f128_ps(u3, u7, 0x31);
+}
+
+// Eight rows of eight floats, src[j] + c .. + 7, become the eight columns
+// of dst[j] + d .. + 7.
+inline void transpose8(float *const *dst, int d, const float *const *src, int c) {
+  __m256 r[8], t[8];
+  for (int j = 0; j < 8; j++) r[j] = _mm256_loadu_ps(src[j] + c);
+  transpose8_registers(r, t);
+  for (int j = 0; j < 8; j++) _mm256_storeu_ps(dst[j] + d, t[j]);
 }
 
 constexpr int TILE_V = 2, ROWS = 6, BACK_V = 8, BLOCK_TILES = 16;
@@ -114,6 +117,24 @@ void transpose_avx2(float *const *dst, int dcol, const float *const *src, int sc
   // The edges, one at a time.
   for (int i = 0; i < rows; i++)
     for (int l = i < r8 ? c8 : 0; l < cols; l++) dst[i][dcol + l] = src[l][scol + i];
+}
+
+int forward_plain8(float *const *a, int i, int lo, int hi, const float *b, float *x) {
+  const __m256 one = _mm256_set1_ps(1.0f);
+  __m256 xv = _mm256_loadu_ps(x);
+  int k = lo;
+  for (; k + 7 <= hi; k += 8) {
+    __m256 m[8], c[8], big = _mm256_setzero_ps();
+    for (int q = 0; q < 8; q++) {
+      m[q] = _mm256_loadu_ps(a[i + q] + k);
+      big = _mm256_or_ps(big, _mm256_cmp_ps(V::abs(m[q]), one, _CMP_GT_OQ));
+    }
+    if (_mm256_movemask_ps(big)) break;
+    transpose8_registers(m, c);
+    for (int j = 0; j < 8; j++) xv = _mm256_fnmadd_ps(c[j], _mm256_set1_ps(b[k + j]), xv);
+  }
+  _mm256_storeu_ps(x, xv);
+  return k;
 }
 }  // namespace lu_avx2
 #pragma GCC pop_options
@@ -219,4 +240,11 @@ void transpose_floats(float *const *dst, int dcol, const float *const *src, int 
 #endif
   for (int i = 0; i < rows; i++)
     for (int l = 0; l < cols; l++) dst[i][dcol + l] = src[l][scol + i];
+}
+
+int forward_plain_stretches(float *const *a, int i, int lo, int hi, const float *b, float *x) {
+#if LU_X86_KERNELS
+  if (current_level >= 1) return lu_avx2::forward_plain8(a, i, lo, hi, b, x);
+#endif
+  return lo;
 }

@@ -121,3 +121,13 @@ void back_take_terms(float *const *a, int lo, int hi, int r0, int r1, float *con
 // dst[i][dcol + l] = src[l][scol + i] for i < rows, l < cols: the rows of
 // src become the columns of dst, bit for bit.
 void transpose_floats(float *const *dst, int dcol, const float *const *src, int scol, int rows, int cols);
+
+// The one-vector forward pass of the solves and the condition estimate
+// (numeric/lusteps.h) for rows i .. i+7, x[0 .. 7] their running entries:
+// the steps of pivots lo, lo+1 .. (all below i, entries b) in stretches of
+// eight for as long as no row exchanges with them (the pivots' entries then
+// stay as they are), the rows' multipliers turned into columns so that the
+// eight rows take their fmaf side by side, each in the same order as one
+// at a time.  Returns the first pivot not taken: lo itself at a level
+// without such a kernel.
+int forward_plain_stretches(float *const *a, int i, int lo, int hi, const float *b, float *x);
