@@ -60,6 +60,10 @@ int main(int argc, char **argv) {
   sphi2trans(b, bi, sphi, 3 * nsource, trans, 0);
 
   if (!psi) {
+    // The system matrix is done with: its pages go back now on two threads
+    // rather than on one when the process ends.
+    free_matrix(b, 1, totpnt, 1, totpnt);
+    b = nullptr;
     require_finite(trans, nel, 3 * nsource, "The transfer matrix");
     std::string text;
     fill_extra(text);
