@@ -242,9 +242,6 @@ void solve_block(float **a, int n, float **x, int r0, int width, int wl, int ski
 
 namespace {
 
-// lu_solve_info's look at rows lo .. hi alone: lk[k] the last of them whose
-// multiplier in column k is not plain (else 0), and the first of them
-// holding a NaN (else n + 1).
 // lk[k] = i where ai[k] is other than plain, k = lo .. hi.
 ROW_LOOP void mark_unplain(const float *__restrict ai, int i, int lo, int hi, int *__restrict lk) {
   for (int k = lo; k <= hi; k++) lk[k] = !(fabsf(ai[k]) <= 1.0f) ? i : lk[k];
@@ -264,6 +261,9 @@ ROW_LOOP void mark_unplain4(float *const *a, int i, int *__restrict lk) {
   }
 }
 
+// lu_solve_info's look at rows lo .. hi alone: lk[k] the last of them whose
+// multiplier in column k is not plain (else 0), and the first of them
+// holding a NaN (else n + 1).
 int solve_info_rows(float **a, int n, int lo, int hi, int *lk) {
   int first_nan = n + 1;
   for (int i = lo; i <= hi;) {
