@@ -12,6 +12,15 @@ TEST(Arrays, ZeroFilledContiguousAndAddressedFromTheirBounds) {
   EXPECT_EQ(&a[1][2][1], &a[1][1][4] + 1);  // rows contiguous in a plane
   EXPECT_EQ(&a[2][1][1], &a[1][3][4] + 1);  // planes back to back
   free_dvector(dv, -2, 2), free_matrix(m, 0, 2, 0, 2), free_3dmatrix(a, 1, 2, 1, 3, 1, 4);
+  // A block large enough to give its pages back on two threads before it
+  // is freed: the allocator's own record of it must survive, twice over.
+  for (int round = 0; round < 2; round++) {
+    float **big = matrix(-1, 4200, 3, 4200);
+    ASSERT_TRUE(big);
+    EXPECT_EQ(big[-1][3] + big[4200][4200], 0.0f);
+    big[-1][3] = big[4200][4200] = 1.0f;
+    free_matrix(big, -1, 4200, 3, 4200);
+  }
   testing::internal::CaptureStderr();
   EXPECT_EQ(matrix(1, 2, 1, 500000001), nullptr);  // over 1e9 elements
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n Sorry, out of memory\n\n\a\a");
