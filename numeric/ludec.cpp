@@ -326,30 +326,19 @@ inline void transposed_step(float m, float &yi, float &y) {
   }
 }
 
-// The transposed steps of a stretch of 16 entries, y[j] with multiplier
-// m[j], when none of them calls for an exchange: then yi is the same for all
-// and each y[j] takes its own fmaf, as one vector loop.  Returns false, with
-// y untouched, when some m[j] would exchange.
-ROW_LOOP bool plain_transposed_steps(const float *__restrict m, float *__restrict y, float yi) {
-  int exchanges = 0;
-  for (int j = 0; j < 16; j++) exchanges += fabsf(m[j]) > 1.0f;
-  if (exchanges) return false;
-  for (int j = 0; j < 16; j++) y[j] = fmaf(-m[j], yi, y[j]);
-  return true;
-}
-
-// plain_transposed_steps of rows i, i-1 .. i-G+1 on the stretch y[k ..
-// k+15], each entry meeting the rows in that order with yi[q] the running
-// value of row i-q; false, with y untouched, when some multiplier there
-// would exchange.
+// The transposed steps of rows r[0 .. G-1] (yi[q] the running entry of
+// row q) on the stretch y[k .. k+15], each entry meeting the rows in that
+// order, when none of their multipliers there calls for an exchange: then
+// the yi stay as they are and each y[j] takes its fmaf, as one vector loop.
+// Returns false, with y untouched, when some multiplier would exchange.
 template <int G>
-ROW_LOOP bool plain_transposed_steps_of(float *const *a, int i, int k, float *__restrict y, const float *yi) {
+ROW_LOOP bool plain_transposed_steps(const float *const *r, float *__restrict y, const float *yi, int k) {
   const float *__restrict m[G];
   float yq[G];
   int exchanges = 0;
 #pragma GCC unroll 8
   for (int q = 0; q < G; q++) {
-    m[q] = a[i - q] + k, yq[q] = yi[q];
+    m[q] = r[q] + k, yq[q] = yi[q];
     for (int j = 0; j < 16; j++) exchanges += fabsf(m[q][j]) > 1.0f;
   }
   if (exchanges) return false;
@@ -360,6 +349,30 @@ ROW_LOOP bool plain_transposed_steps_of(float *const *a, int i, int k, float *__
     y[k + j] = v;
   }
   return true;
+}
+
+// The transposed steps of rows r[0 .. G-1] for pivots hi down to lo, yi[q]
+// the running entry of row q, each entry y[k] meeting the rows in that
+// order.  Stretches without an exchange go as one vector loop each; one
+// where some row may exchange goes row after row, step by step.
+template <int G>
+void transposed_steps_of(const float *const *r, float *y, float *yi, int hi, int lo) {
+  constexpr int C = 16;
+  auto one_by_one = [&](int from, int to) {
+    for (int q = 0; q < G; q++)
+      for (int k = from; k >= to; k--) transposed_step(r[q][k], yi[q], y[k]);
+  };
+  int k = hi;
+  for (; k - C + 1 >= lo; k -= C)
+    if (!plain_transposed_steps<G>(r, y, yi, k - C + 1)) one_by_one(k, k - C + 1);
+  one_by_one(k, lo);
+}
+
+// The steps among rows i, i-1 .. i-rows+1 themselves, on their running
+// entries.
+void transposed_steps_within(float *const *a, int i, int rows, float *yi) {
+  for (int q = 0; q < rows; q++)
+    for (int p = q + 1; p < rows; p++) transposed_step(a[i - q][i - p], yi[q], yi[p]);
 }
 
 // forward_steps for G rows: each pivot meets the G rows in turn, G
@@ -443,40 +456,21 @@ void estimate_start(float **a, int n, float *y, double *sum) {
   }
 }
 
-float transposed_steps(const float *ri, float *y, float yi, int hi, int lo) {
-  constexpr int C = 16;
-  int k = hi;
-  // Stretches without an exchange go as one vector operation each.
-  while (k - C + 1 >= lo) {
-    if (plain_transposed_steps(ri + k - C + 1, y + k - C + 1, yi)) {
-      k -= C;
-      continue;
-    }
-    for (int stop = k - C; k > stop; k--) transposed_step(ri[k], yi, y[k]);
-  }
-  for (; k >= lo; k--) transposed_step(ri[k], yi, y[k]);
-  return yi;
-}
-
 void transposed_steps_rows(float *const *a, int i, int rows, float *yi, float *y, int hi, int lo) {
-  if (rows != STEP_GROUP) {
-    for (int q = 0; q < rows; q++) yi[q] = transposed_steps(a[i - q], y, yi[q], hi, lo);
-    return;
-  }
-  // The rows read side by side, a stretch of 16 entries at a time; a
-  // stretch where some row may exchange goes row after row.
-  constexpr int C = 16;
-  int k = hi;
-  for (; k - C + 1 >= lo; k -= C)
-    if (!plain_transposed_steps_of<STEP_GROUP>(a, i, k - C + 1, y, yi))
-      for (int q = 0; q < rows; q++) yi[q] = transposed_steps(a[i - q], y, yi[q], k, k - C + 1);
-  if (k >= lo)
-    for (int q = 0; q < rows; q++) yi[q] = transposed_steps(a[i - q], y, yi[q], k, lo);
+  const float *r[STEP_GROUP];
+  for (int q = 0; q < rows; q++) r[q] = a[i - q];
+  if (rows == STEP_GROUP)
+    transposed_steps_of<STEP_GROUP>(r, y, yi, hi, lo);
+  else
+    for (int q = 0; q < rows; q++) transposed_steps_of<1>(r + q, y, yi + q, hi, lo);
 }
 
-void transposed_steps_within(float *const *a, int i, int rows, float *yi) {
-  for (int q = 0; q < rows; q++)
-    for (int p = q + 1; p < rows; p++) transposed_step(a[i - q][i - p], yi[q], yi[p]);
+void transposed_rows(float *const *a, int i, int rows, float *y, int lo, float *out) {
+  float yi[STEP_GROUP];
+  for (int q = 0; q < rows; q++) yi[q] = y[i - q];
+  transposed_steps_within(a, i, rows, yi);
+  transposed_steps_rows(a, i, rows, yi, y, i - rows, lo);
+  for (int q = 0; q < rows; q++) out[i - q] = yi[q];
 }
 
 void forward_steps(float *const *a, int i, int rows, int lo, int hi, float *b, float *x) {
@@ -572,11 +566,7 @@ void solvelu(float **a, int n, float *b) {
 void tsolvel(float **a, int n, float *y) {
   for (int i = n; i >= 2;) {
     const int rows = i - STEP_GROUP + 1 >= 2 ? STEP_GROUP : 1;
-    float yi[STEP_GROUP];
-    for (int q = 0; q < rows; q++) yi[q] = y[i - q];
-    transposed_steps_within(a, i, rows, yi);
-    transposed_steps_rows(a, i, rows, yi, y, i - rows, 1);
-    for (int q = 0; q < rows; q++) y[i - q] = yi[q];
+    transposed_rows(a, i, rows, y, 1, y);
     i -= rows;
   }
 }

@@ -95,29 +95,23 @@ void tsolvel_split(float **a, int n, float *y) {
   two_stages(
       [&] {
         for (int i = n; i > K; i -= STEP_GROUP) {
-          float yi[STEP_GROUP];
-          for (int q = 0; q < STEP_GROUP; q++) yi[q] = y[i - q];
-          transposed_steps_within(a, i, STEP_GROUP, yi);
-          transposed_steps_rows(a, i, STEP_GROUP, yi, y, i - STEP_GROUP, K + 1);
-          for (int q = 0; q < STEP_GROUP; q++) mid[i - q] = yi[q];
+          transposed_rows(a, i, STEP_GROUP, y, K + 1, mid.data());
           rows.publish(n - (i - STEP_GROUP + 1) + 1);
         }
       },
       [&] {
         for (int i = n; i >= 2;) {
           const int g = i - STEP_GROUP + 1 >= 2 ? STEP_GROUP : 1;
-          float yi[STEP_GROUP];
           if (i > K) {
             // (Beyond K, y may still be changing in the first stage.)
             rows.wait_for(n - (i - g + 1) + 1);
+            float yi[STEP_GROUP];
             for (int q = 0; q < g; q++) yi[q] = mid[i - q];
             transposed_steps_rows(a, i, g, yi, y, K, 1);
+            for (int q = 0; q < g; q++) y[i - q] = yi[q];
           } else {
-            for (int q = 0; q < g; q++) yi[q] = y[i - q];
-            transposed_steps_within(a, i, g, yi);
-            transposed_steps_rows(a, i, g, yi, y, i - g, 1);
+            transposed_rows(a, i, g, y, 1, y);
           }
-          for (int q = 0; q < g; q++) y[i - q] = yi[q];
           i -= g;
         }
       });

@@ -9,16 +9,15 @@
 // independent chains of operations side by side.
 constexpr int STEP_GROUP = 8;
 
-// ri: row i of the factors; y: the vector; yi: row i's running entry.  The
-// transposed steps of row i for pivots k = hi down to lo, on y[k] and yi.
-// Returns yi after them.
-float transposed_steps(const float *ri, float *y, float yi, int hi, int lo);
-// The same for rows i, i-1 .. i-rows+1 (rows 1 or STEP_GROUP), yi[0 ..
-// rows-1] their running entries: each entry y[k], k = hi down to lo (all
-// below the rows), meets the rows in that order.
+// Rows i, i-1 .. i-rows+1 of the factors (rows 1 or STEP_GROUP), yi[0 ..
+// rows-1] their running entries: their transposed steps for pivots k = hi
+// down to lo (all below the rows), on y[k] and yi, each entry meeting the
+// rows in that order.
 void transposed_steps_rows(float *const *a, int i, int rows, float *yi, float *y, int hi, int lo);
-// The steps among those rows themselves, on their running entries.
-void transposed_steps_within(float *const *a, int i, int rows, float *yi);
+// The same rows whole: their running entries taken from y, the steps among
+// themselves, then those of pivots i-rows down to lo; the entries they end
+// with go to out[i-rows+1 .. i].
+void transposed_rows(float *const *a, int i, int rows, float *y, int lo, float *out);
 
 // Rows i .. i+rows-1 of the factors (rows 1 or STEP_GROUP), x[0 .. rows-1]
 // their running entries, b the pivots' entries.  Every pivot k = lo .. hi

@@ -8,6 +8,7 @@
 #include <thread>
 
 #ifdef __linux__
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #endif
@@ -68,12 +69,14 @@ T **make_matrix(long rlo, long rhi, long clo, long chi) {
 // Blocks from this size on give their pages back on two threads.
 constexpr size_t LARGE_BLOCK = size_t(64) << 20;
 
-// The whole pages of the block p .. p+bytes handed back to the system, two
-// threads each taking half: tearing down a few hundred megabytes of pages
-// takes one thread twice as long, and the caller frees the block next.
-void discard_pages(void *p, size_t bytes) {
+// The whole pages of block p (from malloc; its size as the allocator knows
+// it) handed back to the system, two threads each taking half, before the
+// caller frees it: tearing down a few hundred megabytes of pages takes one
+// thread twice as long.
+void discard_pages(void *p) {
 #ifdef __linux__
   const long page = sysconf(_SC_PAGESIZE);
+  const size_t bytes = malloc_usable_size(p);
   if (page <= 0 || bytes < LARGE_BLOCK) return;
   const uintptr_t mask = ~(uintptr_t)(page - 1);
   const uintptr_t lo = ((uintptr_t)p + (uintptr_t)page - 1) & mask, hi = ((uintptr_t)p + bytes) & mask;
@@ -87,15 +90,14 @@ void discard_pages(void *p, size_t bytes) {
     drop(lo, hi);  // no second thread: the same, in one go
   }
 #else
-  (void)p, (void)bytes;
+  (void)p;
 #endif
 }
 
 template <typename T>
-void release_matrix(T **m, long rlo, long clo, long rhi = 0, long chi = -1) {
+void release_matrix(T **m, long rlo, long clo) {
   if (!m) return;
-  const long long nr = (long long)rhi - rlo + 1, nc = (long long)chi - clo + 1;
-  if (nr > 0 && nc > 0) discard_pages(m[rlo] + clo, (size_t)(nr * nc) * sizeof(T));
+  discard_pages(m[rlo] + clo);
   free(m[rlo] + clo);
   free(m + rlo);
 }
@@ -116,7 +118,7 @@ double **dmatrix(long rlo, long rhi, long clo, long chi) { return make_matrix<do
 fcomplex **cmatrix(long rlo, long rhi, long clo, long chi) {
   return make_matrix<fcomplex>(rlo, rhi, clo, chi);
 }
-void free_matrix(float **m, long rlo, long rhi, long clo, long chi) { release_matrix(m, rlo, clo, rhi, chi); }
+void free_matrix(float **m, long rlo, long, long clo, long) { release_matrix(m, rlo, clo); }
 void free_dmatrix(double **m, long rlo, long, long clo, long) { release_matrix(m, rlo, clo); }
 void free_cmatrix(fcomplex **m, long rlo, long, long clo, long) { release_matrix(m, rlo, clo); }
 
